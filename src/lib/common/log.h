@@ -1,0 +1,92 @@
+// The one message routine of the library. Every message goes through SHM_LOG,
+// which supplies the source file's base name, the line and the function name
+// for the "%s.%d.%s: " prefix that every format carries:
+//
+//     SHM_LOG(1, "Invalid sec_id=%d.\n", sec_id);
+//
+// The routine decides between the host's hook, the system log and nothing;
+// call sites never repeat that decision.
+#pragma once
+
+#include <syslog.h>
+
+#include <cstdint>
+#include <cstdio>
+
+#include "constants.h"
+#include "libshm.h"
+
+namespace shm {
+
+// The base name of a source path, cached per source file: the cache pointer
+// lives in each translation unit (see shm_source_name below).
+inline const char* source_name(const char*& cache, const char* path) {
+    const char* name = cache;
+    if (name == nullptr) {
+        name = path;
+        for (const char* p = path; *p != '\0'; ++p)
+            if (*p == '/') name = p + 1;
+        cache = name;
+    }
+    return name;
+}
+
+// Opens the system log under the ident of one level ("L1,S37"). The ident
+// buffer must outlive the message, since openlog keeps the pointer.
+void open_level_log(char (&ident)[32], int32_t level);
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+template <typename... Args>
+void log_message(int32_t level, const char* format, const char* file, int line,
+                 const char* function, Args... args) {
+    SHML_per_thread_data* record = SHML_get_per_thread_data();
+    if (record == nullptr) return;
+    SHML_vondprintf_fn hook = __atomic_load_n(&SHML_vondprintf, __ATOMIC_RELAXED);
+    if (hook == nullptr) return;  // no hook: nothing is logged anywhere
+
+    if (record->recursion > 0) {
+        // Inside a store lock or inside the hook: only the serious levels
+        // reach the system log, the rest is dropped.
+        if (level >= 1 && level <= 3) {
+            char ident[32];
+            open_level_log(ident, level);
+            syslog(level + 1, format, file, line, function, args...);
+            closelog();
+        }
+        return;
+    }
+    ++record->recursion;
+    hook(level, kModule, format, file, line, function, args...);
+    if (--record->recursion < 0) record->recursion = 0;
+}
+#pragma GCC diagnostic pop
+
+// Lets the compiler check every format against its arguments; never called.
+[[gnu::format(printf, 1, 2)]] inline void check_format(const char*, ...) {}
+
+// The text of an error number as the library prints it: the buffer starts as
+// "invalid error number" and is handed to the GNU strerror_r, which writes
+// into it only for unknown numbers.
+struct ErrorText {
+    char text[80];
+};
+ErrorText error_text(int error_number);
+
+}  // namespace shm
+
+// One cache per source file, set on the file's first message.
+[[maybe_unused]] static const char* shm_source_name = nullptr;
+
+#define SHM_LOG(level, format, ...) SHM_LOG_AS(__func__, level, format __VA_OPT__(, ) __VA_ARGS__)
+
+// The same for a helper that logs on behalf of an exported call, under that
+// call's name.
+#define SHM_LOG_AS(function, level, format, ...)                                          \
+    do {                                                                                  \
+        if (false) shm::check_format("%s.%d.%s: " format, "", 0, "" __VA_OPT__(, ) __VA_ARGS__); \
+        shm::log_message((level), "%s.%d.%s: " format,                                    \
+                         shm::source_name(shm_source_name, __FILE__), __LINE__,          \
+                         (function)__VA_OPT__(, ) __VA_ARGS__);                           \
+    } while (false)

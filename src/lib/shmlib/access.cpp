@@ -1,0 +1,194 @@
+// Section access: locked and unlocked reads, writes, fills and the bit call,
+// with their range checks and clipping. The write family checks the range
+// before it attaches and locks, so its range messages reach the log hook; the
+// read checks under the lock, so its messages go to the system log.
+//
+// Beyond the checks every caller of the store relies on, negative offsets are
+// refused (reads -1, writes -3) and negative section numbers are refused by
+// every call, so that no argument can address memory outside a section.
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "common/constants.h"
+#include "common/export.h"
+#include "common/le.h"
+#include "common/log.h"
+#include "common/range.h"
+#include "common/store.h"
+
+namespace {
+
+void abort_if_development_build() {
+    if (isXRev() == 1) raise(SIGABRT);
+}
+
+// Range check of the write family, shared by Vond_shm_memwrite and
+// Vond_shm_memset and logged under their names. Returns 0 with length
+// possibly clipped, or -3.
+int32_t check_write_range(const char* function, int32_t sec_id, int32_t offset, int32_t& length) {
+    const int32_t size = gShmSecSize[sec_id];
+    if (offset < 0) {
+        SHM_LOG_AS(function, 1, "The caller requested a negative offset. sec_id=%d offset=%d\n",
+                   sec_id, offset);
+        abort_if_development_build();
+        return -3;
+    }
+    if (!shm::runs_past(offset, length, size)) return 0;
+    SHM_LOG_AS(function, 1, "The caller requested a length beyond the end of thesection.\n");
+    SHM_LOG_AS(function, 1, "sec_id=%d offset=%d length=%d gShmSecSize[]=%d section id %d\n",
+               sec_id, offset, length, size, sec_id);
+    if (size <= offset) {
+        SHM_LOG_AS(function, 1, "The caller requested an offset beyond the end of the section.\n");
+        abort_if_development_build();
+        return -3;
+    }
+    abort_if_development_build();
+    length = size - offset;
+    return 0;
+}
+
+// The steps the write family shares once its arguments are known to be valid:
+// range, attach, lock, change, release.
+template <typename Change>
+int32_t write_section(const char* function, int32_t sec_id, int32_t offset, int32_t length,
+                      Change change) {
+    if (length < 1) return 0;
+    if (sec_id < 0 || sec_id > shm::kLastSection) {
+        SHM_LOG_AS(function, 1, "bad sec id=%d\n", sec_id);
+        return -2;
+    }
+    if (check_write_range(function, sec_id, offset, length) != 0) return -3;
+    if (!shm::attached() && Vond_shm_init_shm() != 0) {
+        SHM_LOG_AS(function, 1, "bad share memory init \n");
+        return -4;
+    }
+    if (Vond_shm_sem_get(gShmSecSemId, sec_id - 1) != 0) {
+        SHM_LOG_AS(function, 1, "bad shared memory section semiphore get\n");
+        return -1;
+    }
+    change(shm::section_base(sec_id) + offset, static_cast<size_t>(length));
+    (void)Vond_shm_sem_put(gShmSecSemId, sec_id - 1);
+    return 0;
+}
+
+}  // namespace
+
+SHM_EXPORT int32_t isXRev(void) { return access(shm::kXRevMarker, F_OK) == 0 ? 1 : 0; }
+
+SHM_EXPORT int32_t Vond_shm_memread_unlocked(int32_t sec_id, void* dest, int32_t offset,
+                                             int32_t length) {
+    if (length < 1) return 0;
+    std::memset(dest, 0, static_cast<size_t>(length));
+    if (sec_id < 0 || sec_id > shm::kLastSection) {
+        SHM_LOG(1, "Invalid sec_id=%d.\n", sec_id);
+        return -1;
+    }
+    if (!shm::attached()) {
+        const int32_t result = Vond_shm_init_shm();
+        if (result != 0) return result;
+    }
+    const int32_t size = gShmSecSize[sec_id];
+    if (offset < 0) {
+        SHM_LOG(1, "The caller requested a negative offset. sec_id=%d offset=%d\n", sec_id, offset);
+        abort_if_development_build();
+        return -1;
+    }
+    if (shm::runs_past(offset, length, size)) {
+        SHM_LOG(1, "The caller requested a length beyond the end of the section.\n");
+        SHM_LOG(1, "sec_id=%d offset=%d length=%d gShmSecSize[]=%d\n", sec_id, offset, length, size);
+        if (offset >= size) {
+            SHM_LOG(1, "The caller requested an offset beyond the end of the section.\n");
+            abort_if_development_build();
+            return -1;
+        }
+        abort_if_development_build();
+        length = size - offset;  // the rest of dest stays zero
+    }
+    std::memcpy(dest, shm::section_base(sec_id) + offset, static_cast<size_t>(length));
+    return 0;
+}
+
+SHM_EXPORT int32_t Vond_shm_memread(int32_t sec_id, void* dest, int32_t offset, int32_t length) {
+    if (!shm::attached()) {
+        const int32_t result = Vond_shm_init_shm();
+        if (result != 0) return result;
+    }
+    if (shm::lock_member_wraps(sec_id)) {
+        SHM_LOG(1, "Invalid sec_id=%d.\n", sec_id);
+        return -1;
+    }
+    if (Vond_shm_sem_get(gShmSecSemId, sec_id - 1) != 0) {
+        SHM_LOG(1, "Unable to get the section semaphore.\n");
+        return -1;
+    }
+    const int32_t result = Vond_shm_memread_unlocked(sec_id, dest, offset, length);
+    (void)Vond_shm_sem_put(gShmSecSemId, sec_id - 1);
+    return result;
+}
+
+SHM_EXPORT int32_t Vond_shm_memwrite(int32_t sec_id, const void* src, int32_t offset,
+                                     int32_t length) {
+    return write_section(__func__, sec_id, offset, length,
+                         [src](unsigned char* to, size_t n) { std::memcpy(to, src, n); });
+}
+
+SHM_EXPORT int32_t Vond_shm_memset(int32_t sec_id, int32_t value, int32_t offset, int32_t length) {
+    SHM_LOG(9, "enter\n");
+    return write_section(__func__, sec_id, offset, length, [value](unsigned char* to, size_t n) {
+        std::memset(to, static_cast<unsigned char>(value), n);
+    });
+}
+
+SHM_EXPORT int32_t Vond_shm_mem_set_bit_on_uint(int32_t sec_id, int32_t offset, int32_t on,
+                                                uint64_t mask) {
+    if (static_cast<uint32_t>(sec_id) > static_cast<uint32_t>(shm::kLastSection)) {
+        SHM_LOG(1, "bad sec id=%d\n", sec_id);
+        return -2;
+    }
+    if (offset < 0 || shm::runs_past(offset, 8, gShmSecSize[sec_id])) {
+        abort_if_development_build();
+        return -3;  // silent on purpose
+    }
+    if (!shm::attached() && Vond_shm_init_shm() != 0) {
+        SHM_LOG(1, "bad share memory init \n");
+        return -4;
+    }
+    if (Vond_shm_sem_get(gShmSecSemId, sec_id - 1) != 0) {
+        SHM_LOG(1, "bad shared memory section semiphore get\n");
+        return -1;
+    }
+    unsigned char* word = shm::section_base(sec_id) + offset;
+    uint64_t value = shm::load_le<uint32_t>(word) |
+                     (static_cast<uint64_t>(shm::load_le<uint32_t>(word + 4)) << 32);
+    value = (on == 1) ? (value | mask) : (value & ~mask);
+    shm::store_le<uint32_t>(word, static_cast<uint32_t>(value));
+    shm::store_le<uint32_t>(word + 4, static_cast<uint32_t>(value >> 32));
+    (void)Vond_shm_sem_put(gShmSecSemId, sec_id - 1);
+    return 0;
+}
+
+SHM_EXPORT int32_t Vond_shm_memread_safe(int32_t sec_id, void* dest, int32_t offset,
+                                         int32_t length) {
+    SHML_increment_recursion();
+    const int32_t result = Vond_shm_memread(sec_id, dest, offset, length);
+    SHML_decrement_recursion();
+    return result;
+}
+
+SHM_EXPORT int32_t Vond_shm_memread_unlocked_safe(int32_t sec_id, void* dest, int32_t offset,
+                                                  int32_t length) {
+    SHML_increment_recursion();
+    const int32_t result = Vond_shm_memread_unlocked(sec_id, dest, offset, length);
+    SHML_decrement_recursion();
+    return result;
+}
+
+SHM_EXPORT int32_t Vond_shm_memwrite_safe(int32_t sec_id, const void* src, int32_t offset,
+                                          int32_t length) {
+    SHML_increment_recursion();
+    const int32_t result = Vond_shm_memwrite(sec_id, src, offset, length);
+    SHML_decrement_recursion();
+    return result;
+}

@@ -1,0 +1,117 @@
+// The semaphore sets: creation or opening, and taking and releasing one
+// member. Taking raises the thread's recursion counter, releasing lowers it,
+// so that whatever a thread logs while it holds a store lock stays out of the
+// host's hook.
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "common/export.h"
+#include "common/log.h"
+
+namespace {
+
+union SemArgument {  // the fourth argument of semctl, which callers define
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
+
+int create_set(int32_t key, int32_t count, int flags, int& error_number) {
+    const mode_t saved = umask(0);
+    const int id = semget(key, count, flags);
+    error_number = errno;
+    umask(saved);
+    return id;
+}
+
+// One semop on one member, retried while a signal interrupts it.
+bool operate(int32_t sem_id, sembuf& op) {
+    for (;;) {
+        if (semop(sem_id, &op, 1) != -1) return true;
+        if (errno != EINTR) return false;
+    }
+}
+
+sembuf make_op(int32_t member, short delta) {
+    sembuf op{};
+    op.sem_num = static_cast<unsigned short>(member);  // -1 becomes 65535, as in C
+    op.sem_op = delta;
+    op.sem_flg = shm::kSemUndo;
+    return op;
+}
+
+// member + 1 without a signed overflow for member INT32_MAX.
+int32_t section_of(int32_t member) {
+    return static_cast<int32_t>(static_cast<uint32_t>(member) + 1u);
+}
+
+}  // namespace
+
+SHM_EXPORT int32_t Vond_shm_init_sem(int32_t key, int32_t count) {
+    SHML_increment_recursion();
+    errno = 0;
+    int error_number = 0;
+    int id = create_set(key, count, IPC_CREAT | IPC_EXCL | shm::kIpcMode, error_number);
+    if (id < 0) {
+        if (error_number != EEXIST) {
+            const shm::ErrorText text = shm::error_text(error_number);
+            SHM_LOG(1, "%s: %d %s\n", "unable to get the semaphore\n", error_number, text.text);
+            SHML_decrement_recursion();
+            return -1;
+        }
+        // Another process created the set; its creator initialises it, and a
+        // take that comes too early simply waits for the value 1.
+        SHML_decrement_recursion();
+        id = create_set(key, count, shm::kIpcMode, error_number);
+        if (id >= 0) return id;
+        const shm::ErrorText text = shm::error_text(error_number);
+        SHM_LOG(1, "%s: %d %s\n", "unable to get the semaphore on the second try\n",
+                error_number, text.text);
+        return -1;
+    }
+
+    SHM_LOG(9, "this thread created the semaphore and is initializing it\n");
+    for (int32_t member = count - 1; member >= 0; --member) {
+        SemArgument value{};
+        value.val = 1;
+        if (semctl(id, member, SETVAL, value) == -1) {
+            error_number = errno;
+            const shm::ErrorText text = shm::error_text(error_number);
+            SHM_LOG(1, "%s: %d %s\n", "unable to initialize the semaphore\n", error_number,
+                    text.text);
+            return -1;  // the counter stays raised on this path
+        }
+    }
+    SHML_decrement_recursion();
+    SHM_LOG(9, "semaphore initialized ok\n");
+    return id;
+}
+
+SHM_EXPORT int32_t Vond_shm_sem_get(int32_t sem_id, int32_t member) {
+    sembuf op = make_op(member, -1);
+    if (operate(sem_id, op)) {
+        SHML_increment_recursion();
+        return 0;
+    }
+    const int error_number = errno;
+    const shm::ErrorText text = shm::error_text(error_number);
+    SHM_LOG(1, "%s: %d %s\n", "SHMLIB: Error getting semaphore\n", error_number, text.text);
+    SHM_LOG(1, "SHMLIB: sec_id = %d %d\n", section_of(member), static_cast<int>(op.sem_flg));
+    return -1;
+}
+
+SHM_EXPORT int32_t Vond_shm_sem_put(int32_t sem_id, int32_t member) {
+    sembuf op = make_op(member, 1);
+    if (operate(sem_id, op)) {
+        SHML_decrement_recursion();
+        return 0;
+    }
+    const int error_number = errno;
+    const shm::ErrorText text = shm::error_text(error_number);
+    SHM_LOG(1, "%s: %d %s\n", "SHMLIB: Error putting semaphore\n", error_number, text.text);
+    SHM_LOG(1, "SHMLIB: sec_id = %d\n", section_of(member));
+    return -1;
+}

@@ -1,0 +1,130 @@
+// Creating and attaching the segment, the section base pointers and the
+// section semaphore set. Attachment happens lazily, on a process's first store
+// operation; nothing ever detaches on success or removes an IPC object.
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "common/constants.h"
+#include "common/export.h"
+#include "common/log.h"
+#include "common/store.h"
+
+SHM_EXPORT_DATA int32_t gShmId = -1;
+SHM_EXPORT_DATA int32_t gShmLibSemId = -1;
+SHM_EXPORT_DATA int32_t gShmSecSemId = -1;
+SHM_EXPORT_DATA void* gShmData[SHM_SECTION_COUNT] = {};
+
+namespace {
+
+void release_lib_lock() { (void)Vond_shm_sem_put(gShmLibSemId, 0); }
+
+// Offsets of every section from the table as it stands now, and whether the
+// sections fit the segment. Besides the end of the last section, every section
+// that has bytes must start and end inside the segment: a negative size in a
+// modified table must not move a later section in front of the segment.
+bool compute_layout(int64_t (&offsets)[SHM_SECTION_COUNT]) {
+    int64_t offset = 0;
+    bool fits = true;
+    for (int32_t section = 0; section < shm::kSectionCount; ++section) {
+        offsets[section] = offset;
+        const int32_t size = gShmSecSize[section];
+        if (size > 0 && (offset < 0 || offset + size > shm::kSegmentSize)) fits = false;
+        offset += size;
+    }
+    return fits && offset <= shm::kSegmentSize;
+}
+
+}  // namespace
+
+SHM_EXPORT int32_t Vond_shm_init_shm(void) {
+    if (shm::attached()) return 0;
+
+    SHML_sanity_check();
+
+    if (gShmLibSemId < 0) {
+        gShmLibSemId = Vond_shm_init_sem(shm::kLibSemKey, shm::kLibSemCount);
+        if (gShmLibSemId < 0) {
+            SHM_LOG(1, "SHMLIB: Error creating shm lib semaphore\n");
+            return -1;
+        }
+    }
+    if (Vond_shm_sem_get(gShmLibSemId, 0) != 0) {
+        SHM_LOG(1, "Unable to get the lib semaphore.\n");
+        return -1;
+    }
+    // From here on every failure releases the library lock before it logs,
+    // so its message reaches the hook and not the system log.
+    if (shm::attached()) {
+        release_lib_lock();
+        SHM_LOG(9, "race condition avoided\n");
+        return 0;
+    }
+
+    if (gShmId < 0) {
+        const mode_t saved = umask(0);
+        gShmId = shmget(shm::kSegmentKey, shm::kSegmentSize, IPC_CREAT | shm::kIpcMode);
+        umask(saved);
+    }
+    if (gShmId < 0) {
+        release_lib_lock();
+        SHM_LOG(1, "SHMLIB: Error creating shared memory\n");
+        return -1;
+    }
+
+    void* base = shmat(gShmId, nullptr, 0);
+    if (base == reinterpret_cast<void*>(-1)) {
+        const int error_number = errno;
+        const shm::ErrorText text = shm::error_text(error_number);
+        release_lib_lock();
+        SHM_LOG(1, "%s: %d %s\n", "SHMLIB: Error attaching shared memory\n", error_number,
+                text.text);
+        return -1;
+    }
+
+    int64_t offsets[SHM_SECTION_COUNT];
+    const bool fits = compute_layout(offsets);
+    const auto base_address = reinterpret_cast<uintptr_t>(base);
+    for (int32_t section = 1; section < shm::kSectionCount; ++section)
+        gShmData[section] = reinterpret_cast<void*>(base_address + static_cast<uintptr_t>(offsets[section]));
+    if (!fits) {
+        shmdt(base);
+        release_lib_lock();
+        SHM_LOG(1, "The size of the sections is greater than SHM_SIZE\n");
+        return -1;
+    }
+
+    gShmSecSemId = Vond_shm_init_sem(shm::kSectionSemKey, shm::kSectionSemCount);
+    if (gShmSecSemId < 0) {
+        shmdt(base);
+        release_lib_lock();
+        SHM_LOG(1, "SHMLIB: Error creating section semaphore\n");
+        return -1;
+    }
+
+    // Published last: whoever sees entry 0 may use every section pointer.
+    __atomic_store_n(&gShmData[0], base, __ATOMIC_RELEASE);
+    release_lib_lock();
+    return 0;
+}
+
+SHM_EXPORT int32_t Vond_shm_get_shm(int32_t sec_id, void** base) {
+    if (!shm::attached()) {
+        const int32_t result = Vond_shm_init_shm();
+        if (result != 0) return result;
+    }
+    // gShmData has 34 entries; a number outside them would read past it.
+    if (sec_id < 0 || sec_id > shm::kLastSection) {
+        SHM_LOG(1, "Invalid sec_id=%d.\n", sec_id);
+        return -1;
+    }
+    if (Vond_shm_sem_get(gShmLibSemId, 0) != 0) {
+        SHM_LOG(1, "Unable to get the lib semaphore.\n");
+        return -1;
+    }
+    *base = gShmData[sec_id];
+    release_lib_lock();
+    return 0;
+}

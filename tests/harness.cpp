@@ -1,0 +1,138 @@
+#include "harness.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/sem.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+namespace test {
+namespace {
+
+std::mutex g_mutex;
+std::vector<Message> g_messages;
+
+int capture_hook(int32_t level, int32_t module, const char* format, ...) {
+    char text[1024];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_messages.push_back({level, module, text});
+    return 0;
+}
+
+}  // namespace
+
+void install_hook() {
+    (void)SHML_get_per_thread_data();
+    SHML_vondprintf = capture_hook;
+}
+
+std::vector<Message> messages() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_messages;
+}
+
+void clear_messages() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_messages.clear();
+}
+
+int count(int level, std::string_view function, std::string_view tail) {
+    int n = 0;
+    for (const Message& m : messages()) {
+        const std::string fn_mark = "." + std::string(function) + ": ";
+        if (m.level == level && m.module == 37 && m.text.find(fn_mark) != std::string::npos &&
+            m.text.size() >= tail.size() &&
+            m.text.compare(m.text.size() - tail.size(), tail.size(), tail) == 0)
+            ++n;
+    }
+    return n;
+}
+
+SyslogCapture::SyslogCapture() {
+    unlink("/dev/log");
+    fd_ = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, "/dev/log");
+    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        std::perror("bind /dev/log (run inside tests/sandbox.sh)");
+        std::abort();
+    }
+}
+
+SyslogCapture::~SyslogCapture() {
+    close(fd_);
+    unlink("/dev/log");
+}
+
+std::vector<std::string> SyslogCapture::drain(int wait_ms) {
+    std::vector<std::string> out;
+    pollfd p{fd_, POLLIN, 0};
+    while (poll(&p, 1, wait_ms) == 1) {
+        char buf[2048];
+        const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+        if (n <= 0) break;
+        out.emplace_back(buf, static_cast<size_t>(n));
+    }
+    return out;
+}
+
+pid_t start_child(const std::function<int()>& body) {
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return pid;
+}
+
+ChildResult wait_child(pid_t pid, int timeout_s) {
+    ChildResult result;
+    const time_t deadline = time(nullptr) + timeout_s;
+    int status = 0;
+    for (;;) {
+        const pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) break;
+        if (done < 0 && errno != EINTR) return result;
+        if (time(nullptr) > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            result.timed_out = true;
+            return result;
+        }
+        usleep(2000);
+    }
+    result.exited = WIFEXITED(status);
+    result.code = result.exited ? WEXITSTATUS(status) : -1;
+    result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    return result;
+}
+
+ChildResult run_child(const std::function<int()>& body, int timeout_s) {
+    return wait_child(start_child(body), timeout_s);
+}
+
+std::vector<int> section_semaphore_values() {
+    std::vector<int> values;
+    for (int member = 0; member < 34; ++member) values.push_back(semctl(gShmSecSemId, member, GETVAL));
+    return values;
+}
+
+void touch(const char* path) {
+    const int fd = open(path, O_CREAT | O_WRONLY, 0644);
+    if (fd >= 0) close(fd);
+}
+
+}  // namespace test

@@ -1,0 +1,58 @@
+// Test helpers: a capturing log hook, a /dev/log capture socket, and forked
+// children with a time limit. Every test binary runs inside tests/sandbox.sh,
+// one test case per process, so each case starts with a fresh store.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "libshm.h"
+
+namespace test {
+
+struct Message {
+    int level;
+    int module;
+    std::string text;  // fully formatted, "file.line.function: ..."
+};
+
+// Runs the library's one-time hook lookup, then installs the capturing hook,
+// so the lookup cannot overwrite it.
+void install_hook();
+std::vector<Message> messages();
+void clear_messages();
+// Messages from `function` at `level` whose text ends with `tail`.
+int count(int level, std::string_view function, std::string_view tail);
+
+// A datagram socket bound at /dev/log, where syslog() sends.
+class SyslogCapture {
+public:
+    SyslogCapture();
+    ~SyslogCapture();
+    // Every datagram received within `wait_ms` of the last one.
+    std::vector<std::string> drain(int wait_ms = 200);
+
+private:
+    int fd_ = -1;
+};
+
+struct ChildResult {
+    bool timed_out = false;
+    bool exited = false;
+    int code = -1;
+    int signal = 0;
+};
+// Runs body() in a forked child whose exit code is body's result; a child
+// still running after timeout_s seconds is killed and reported as timed out.
+ChildResult run_child(const std::function<int()>& body, int timeout_s = 10);
+pid_t start_child(const std::function<int()>& body);
+ChildResult wait_child(pid_t pid, int timeout_s = 10);
+
+// Semaphore values of the section set (34 members).
+std::vector<int> section_semaphore_values();
+
+void touch(const char* path);
+
+}  // namespace test

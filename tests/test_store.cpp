@@ -1,0 +1,126 @@
+// Creating and attaching the store: layout, IPC objects, sharing between
+// processes, and the attach failures.
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "harness.h"
+
+namespace {
+
+// Offsets other programs of the controller are built against.
+constexpr long kOffsets[34] = {
+    0,      0,      56,     25531,  30391,  46769,  63147,  63160,  79544,  108216, 108224, 109248,
+    109448, 110472, 111496, 115376, 115632, 117436, 117692, 117948, 118275, 256622, 297471, 540028,
+    540262, 540265, 540267, 1064775, 1065463, 1065466, 1065469, 1065834, 1090901, 1772329};
+
+TEST(Store, FirstAttachCreatesSegmentSetsAndLayout) {
+    umask(077);  // creation must not depend on the caller's umask
+    ASSERT_EQ(Vond_shm_init_shm(), 0);
+    ASSERT_NE(gShmData[0], nullptr);
+    for (int i = 0; i < 34; ++i)
+        EXPECT_EQ(static_cast<char*>(gShmData[i]) - static_cast<char*>(gShmData[0]), kOffsets[i]) << i;
+
+    shmid_ds seg{};
+    ASSERT_EQ(shmctl(gShmId, IPC_STAT, &seg), 0);
+    EXPECT_EQ(seg.shm_segsz, 4035719u);
+    EXPECT_EQ(seg.shm_perm.mode & 0777, 0666u);
+    EXPECT_EQ(seg.shm_perm.__key, 77777779);
+    EXPECT_EQ(seg.shm_nattch, 1u);
+
+    EXPECT_EQ(semget(77777777, 1, 0), gShmLibSemId);
+    EXPECT_EQ(semget(77777812, 34, 0), gShmSecSemId);
+    for (int id : {gShmLibSemId, gShmSecSemId}) {
+        semid_ds set{};
+        ASSERT_EQ(semctl(id, 0, IPC_STAT, &set), 0);
+        EXPECT_EQ(set.sem_perm.mode & 0777, 0666u);
+    }
+    EXPECT_EQ(test::section_semaphore_values(), std::vector<int>(34, 1));
+    EXPECT_EQ(semctl(gShmLibSemId, 0, GETVAL), 1);
+
+    void* before = gShmData[0];
+    EXPECT_EQ(Vond_shm_init_shm(), 0);  // idempotent, no second attach
+    EXPECT_EQ(gShmData[0], before);
+    ASSERT_EQ(shmctl(gShmId, IPC_STAT, &seg), 0);
+    EXPECT_EQ(seg.shm_nattch, 1u);
+}
+
+TEST(Store, TwoProcessesShareTheBytes) {
+    // The child attaches on its own (its first store call), writes, and exits.
+    test::ChildResult writer = test::run_child([] {
+        return Vond_shm_memwrite(26, "shared!", 1000, 8) == 0 ? 0 : 1;
+    });
+    ASSERT_TRUE(writer.exited && writer.code == 0);
+    char buf[8];
+    ASSERT_EQ(Vond_shm_memread(26, buf, 1000, 8), 0);
+    EXPECT_STREQ(buf, "shared!");
+    shmid_ds seg{};
+    ASSERT_EQ(shmctl(gShmId, IPC_STAT, &seg), 0);
+    EXPECT_NE(seg.shm_cpid, getpid());  // the child created it
+}
+
+TEST(Store, GetShmAttachesAndReturnsSectionBase) {
+    void* base = nullptr;
+    ASSERT_EQ(Vond_shm_get_shm(26, &base), 0);
+    EXPECT_EQ(static_cast<char*>(base) - static_cast<char*>(gShmData[0]), 540267);
+    test::install_hook();
+    EXPECT_EQ(Vond_shm_get_shm(34, &base), -1);
+    EXPECT_EQ(Vond_shm_get_shm(-1, &base), -1);
+    EXPECT_EQ(test::count(1, "Vond_shm_get_shm", "Invalid sec_id=34.\n"), 1);
+    EXPECT_EQ(semctl(gShmLibSemId, 0, GETVAL), 1);
+}
+
+TEST(Store, ConcurrentFirstAttachLogsRaceAvoided) {
+    test::install_hook();
+    // Hold the library lock so both threads pass the unlocked test and queue.
+    gShmLibSemId = Vond_shm_init_sem(77777777, 1);
+    ASSERT_GE(gShmLibSemId, 0);
+    ASSERT_EQ(Vond_shm_sem_get(gShmLibSemId, 0), 0);
+    int results[2] = {-9, -9};
+    std::thread a([&] { results[0] = Vond_shm_init_shm(); });
+    std::thread b([&] { results[1] = Vond_shm_init_shm(); });
+    while (semctl(gShmLibSemId, 0, GETNCNT) < 2) usleep(1000);
+    ASSERT_EQ(Vond_shm_sem_put(gShmLibSemId, 0), 0);
+    a.join();
+    b.join();
+    EXPECT_EQ(results[0], 0);
+    EXPECT_EQ(results[1], 0);
+    EXPECT_EQ(test::count(9, "Vond_shm_init_shm", "race condition avoided\n"), 1);
+    EXPECT_EQ(semctl(gShmLibSemId, 0, GETVAL), 1);
+}
+
+TEST(Store, OlderSmallerSegmentFailsEveryCall) {
+    ASSERT_GE(shmget(77777779, 1000, IPC_CREAT | 0666), 0);
+    test::install_hook();
+    char byte;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(Vond_shm_init_shm(), -1);
+        EXPECT_EQ(Vond_shm_memread(1, &byte, 0, 1), -1);
+        EXPECT_EQ(Vond_shm_memwrite(1, &byte, 0, 1), -4);
+    }
+    EXPECT_EQ(test::count(1, "Vond_shm_init_shm", "SHMLIB: Error creating shared memory\n"), 6);
+    EXPECT_EQ(test::count(1, "Vond_shm_memwrite", "bad share memory init \n"), 2);
+    EXPECT_EQ(gShmData[0], nullptr);
+    EXPECT_EQ(semctl(gShmLibSemId, 0, GETVAL), 1);  // released on every failure
+}
+
+TEST(Store, SectionsBeyondSegmentRefuseAttach) {
+    test::install_hook();
+    gShmSecSize[32] += 2263386;  // sections 1..33 now end one byte past the segment
+    EXPECT_EQ(Vond_shm_init_shm(), -1);
+    EXPECT_EQ(test::count(1, "SHML_sanity_check", "total_size=4035720 is greater than SHM_SIZE=4035719\n"), 1);
+    EXPECT_EQ(test::count(1, "Vond_shm_init_shm", "The size of the sections is greater than SHM_SIZE\n"), 1);
+    EXPECT_EQ(gShmData[0], nullptr);
+    EXPECT_EQ(semctl(gShmLibSemId, 0, GETVAL), 1);
+    shmid_ds seg{};
+    ASSERT_EQ(shmctl(gShmId, IPC_STAT, &seg), 0);
+    EXPECT_EQ(seg.shm_nattch, 0u);  // detached again
+}
+
+}  // namespace
