@@ -1,0 +1,77 @@
+#!/bin/bash
+# Builds and tests everything: the default, asan and m32 presets, the
+# library's dependencies and exported symbols, and an installed copy used by
+# a C and a C++ consumer. Installs missing Debian packages first.
+#
+#   bash tests/run-all.sh [PRESET...]      (default: default asan m32)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+bash scripts/install-deps.sh
+
+presets=("$@")
+[ ${#presets[@]} -gt 0 ] || presets=(default asan m32)
+passed=0 failed=0
+
+check() {  # check NAME COMMAND...: a named check that counts as one test
+    if "${@:2}"; then
+        echo "check $1: ok"; passed=$((passed + 1))
+    else
+        echo "check $1: FAILED"; failed=$((failed + 1))
+    fi
+}
+
+needs_libc_only() {
+    local needed
+    needed=$(readelf -d "$1" | awk '/NEEDED/ {print $NF}' | tr -d '[]' | sort | tr '\n' ' ')
+    [ "$needed" = "libc.so.6 " ] || { echo "NEEDED: $needed"; return 1; }
+}
+
+exports_exact() {
+    diff <(nm -D --defined-only "$1" | awk '{print $3}' | sed 's/@.*//' | grep -v '^LIBSHM_' | sort -u) \
+         <(grep -E '^[A-Za-z_]' src/lib/libshm.exports | sort -u)
+}
+
+no_static_initialisers() {  # nothing of ours runs when the library is loaded
+    ! objdump -h "$1"/CMakeFiles/shm.dir/src/lib/*/*.o | grep -q -E 'init_array|\.ctors'
+}
+
+installed_consumers() {
+    local build=$1 prefix consumers
+    prefix=$(mktemp -d) consumers=$(mktemp -d)
+    cmake --install "$build" --prefix "$prefix" >/dev/null
+    [ -L "$prefix/lib/libshm.so" ] && [ -L "$prefix/lib/libshm.so.1" ] && [ -f "$prefix/lib/libshm.so.1.0.0" ] \
+        && [ -f "$prefix/include/libshm.h" ] || { echo "install tree incomplete"; return 1; }
+    PKG_CONFIG_PATH=$prefix/lib/pkgconfig cmake -S tests/install -B "$consumers" -G Ninja \
+        -DCMAKE_PREFIX_PATH="$prefix" >/dev/null && cmake --build "$consumers" >/dev/null &&
+        LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_c" &&
+        LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_cpp"
+    local rc=$?
+    rm -rf "$prefix" "$consumers"
+    return $rc
+}
+
+for preset in "${presets[@]}"; do
+    echo "=== preset $preset"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset"
+    log=$(mktemp)
+    ctest --preset "$preset" 2>&1 | tee "$log" || true
+    summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" || echo "0% tests passed, 1 tests failed out of 1")
+    total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$summary")
+    bad=$(sed -E 's/.*passed, ([0-9]+) tests? failed.*/\1/' <<<"$summary")
+    passed=$((passed + total - bad)) failed=$((failed + bad))
+    rm -f "$log"
+    if [ "$preset" = default ] || [ "$preset" = m32 ]; then
+        lib=build/$preset/libshm.so.1
+        check "$preset: NEEDED is libc only" needs_libc_only "$lib"
+        check "$preset: exported symbols are exactly src/lib/libshm.exports" exports_exact "$lib"
+        check "$preset: no static initialisers" no_static_initialisers "build/$preset"
+    fi
+    if [ "$preset" = default ]; then
+        check "installed library with C (pkg-config) and C++ (find_package) consumers" installed_consumers build/default
+    fi
+done
+
+echo "total: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
