@@ -11,7 +11,6 @@
 #include <syslog.h>
 
 #include <cstdint>
-#include <cstdio>
 
 #include "constants.h"
 #include "libshm.h"
@@ -20,13 +19,14 @@ namespace shm {
 
 // The base name of a source path, cached per source file: the cache pointer
 // lives in each translation unit (see shm_source_name below).
+// Threads racing on the first message all store the same pointer.
 inline const char* source_name(const char*& cache, const char* path) {
-    const char* name = cache;
+    const char* name = __atomic_load_n(&cache, __ATOMIC_RELAXED);
     if (name == nullptr) {
         name = path;
         for (const char* p = path; *p != '\0'; ++p)
             if (*p == '/') name = p + 1;
-        cache = name;
+        __atomic_store_n(&cache, name, __ATOMIC_RELAXED);
     }
     return name;
 }
@@ -89,4 +89,13 @@ ErrorText error_text(int error_number);
         shm::log_message((level), "%s.%d.%s: " format,                                    \
                          shm::source_name(shm_source_name, __FILE__), __LINE__,          \
                          (function)__VA_OPT__(, ) __VA_ARGS__);                           \
+    } while (false)
+
+// A system error, as "what: number text" by the error-text rule above. `what`
+// ends in its own line feed, as the library's error messages do.
+#define SHM_LOG_ERRNO(level, what, error_number)                                   \
+    do {                                                                           \
+        const int shm_error_number_ = (error_number);                              \
+        const shm::ErrorText shm_error_text_ = shm::error_text(shm_error_number_); \
+        SHM_LOG(level, "%s: %d %s\n", what, shm_error_number_, shm_error_text_.text); \
     } while (false)

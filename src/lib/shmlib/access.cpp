@@ -73,6 +73,17 @@ int32_t write_section(const char* function, int32_t sec_id, int32_t offset, int3
     return 0;
 }
 
+// The _safe calls: the inner call runs with the thread's recursion counter
+// raised, so none of its messages reaches the hook.
+template <typename Call, typename Buffer>
+int32_t with_recursion_raised(Call call, int32_t sec_id, Buffer buffer, int32_t offset,
+                              int32_t length) {
+    SHML_increment_recursion();
+    const int32_t result = call(sec_id, buffer, offset, length);
+    SHML_decrement_recursion();
+    return result;
+}
+
 }  // namespace
 
 SHM_EXPORT int32_t isXRev(void) { return access(shm::kXRevMarker, F_OK) == 0 ? 1 : 0; }
@@ -171,24 +182,15 @@ SHM_EXPORT int32_t Vond_shm_mem_set_bit_on_uint(int32_t sec_id, int32_t offset, 
 
 SHM_EXPORT int32_t Vond_shm_memread_safe(int32_t sec_id, void* dest, int32_t offset,
                                          int32_t length) {
-    SHML_increment_recursion();
-    const int32_t result = Vond_shm_memread(sec_id, dest, offset, length);
-    SHML_decrement_recursion();
-    return result;
+    return with_recursion_raised(Vond_shm_memread, sec_id, dest, offset, length);
 }
 
 SHM_EXPORT int32_t Vond_shm_memread_unlocked_safe(int32_t sec_id, void* dest, int32_t offset,
                                                   int32_t length) {
-    SHML_increment_recursion();
-    const int32_t result = Vond_shm_memread_unlocked(sec_id, dest, offset, length);
-    SHML_decrement_recursion();
-    return result;
+    return with_recursion_raised(Vond_shm_memread_unlocked, sec_id, dest, offset, length);
 }
 
 SHM_EXPORT int32_t Vond_shm_memwrite_safe(int32_t sec_id, const void* src, int32_t offset,
                                           int32_t length) {
-    SHML_increment_recursion();
-    const int32_t result = Vond_shm_memwrite(sec_id, src, offset, length);
-    SHML_decrement_recursion();
-    return result;
+    return with_recursion_raised(Vond_shm_memwrite, sec_id, src, offset, length);
 }

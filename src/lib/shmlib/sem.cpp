@@ -57,8 +57,7 @@ SHM_EXPORT int32_t Vond_shm_init_sem(int32_t key, int32_t count) {
     int id = create_set(key, count, IPC_CREAT | IPC_EXCL | shm::kIpcMode, error_number);
     if (id < 0) {
         if (error_number != EEXIST) {
-            const shm::ErrorText text = shm::error_text(error_number);
-            SHM_LOG(1, "%s: %d %s\n", "unable to get the semaphore\n", error_number, text.text);
+            SHM_LOG_ERRNO(1, "unable to get the semaphore\n", error_number);
             SHML_decrement_recursion();
             return -1;
         }
@@ -67,9 +66,7 @@ SHM_EXPORT int32_t Vond_shm_init_sem(int32_t key, int32_t count) {
         SHML_decrement_recursion();
         id = create_set(key, count, shm::kIpcMode, error_number);
         if (id >= 0) return id;
-        const shm::ErrorText text = shm::error_text(error_number);
-        SHM_LOG(1, "%s: %d %s\n", "unable to get the semaphore on the second try\n",
-                error_number, text.text);
+        SHM_LOG_ERRNO(1, "unable to get the semaphore on the second try\n", error_number);
         return -1;
     }
 
@@ -79,9 +76,7 @@ SHM_EXPORT int32_t Vond_shm_init_sem(int32_t key, int32_t count) {
         value.val = 1;
         if (semctl(id, member, SETVAL, value) == -1) {
             error_number = errno;
-            const shm::ErrorText text = shm::error_text(error_number);
-            SHM_LOG(1, "%s: %d %s\n", "unable to initialize the semaphore\n", error_number,
-                    text.text);
+            SHM_LOG_ERRNO(1, "unable to initialize the semaphore\n", error_number);
             return -1;  // the counter stays raised on this path
         }
     }
@@ -97,8 +92,7 @@ SHM_EXPORT int32_t Vond_shm_sem_get(int32_t sem_id, int32_t member) {
         return 0;
     }
     const int error_number = errno;
-    const shm::ErrorText text = shm::error_text(error_number);
-    SHM_LOG(1, "%s: %d %s\n", "SHMLIB: Error getting semaphore\n", error_number, text.text);
+    SHM_LOG_ERRNO(1, "SHMLIB: Error getting semaphore\n", error_number);
     SHM_LOG(1, "SHMLIB: sec_id = %d %d\n", section_of(member), static_cast<int>(op.sem_flg));
     return -1;
 }
@@ -110,8 +104,7 @@ SHM_EXPORT int32_t Vond_shm_sem_put(int32_t sem_id, int32_t member) {
         return 0;
     }
     const int error_number = errno;
-    const shm::ErrorText text = shm::error_text(error_number);
-    SHM_LOG(1, "%s: %d %s\n", "SHMLIB: Error putting semaphore\n", error_number, text.text);
+    SHM_LOG_ERRNO(1, "SHMLIB: Error putting semaphore\n", error_number);
     SHM_LOG(1, "SHMLIB: sec_id = %d\n", section_of(member));
     return -1;
 }

@@ -77,10 +77,8 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
     void* base = shmat(gShmId, nullptr, 0);
     if (base == reinterpret_cast<void*>(-1)) {
         const int error_number = errno;
-        const shm::ErrorText text = shm::error_text(error_number);
         release_lib_lock();
-        SHM_LOG(1, "%s: %d %s\n", "SHMLIB: Error attaching shared memory\n", error_number,
-                text.text);
+        SHM_LOG_ERRNO(1, "SHMLIB: Error attaching shared memory\n", error_number);
         return -1;
     }
 
