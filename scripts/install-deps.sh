@@ -1,7 +1,16 @@
 #!/bin/bash
-# Installs the Debian packages that building and testing need, when missing.
+# Installs the Debian packages that building and testing need, when missing:
+# the host toolchain and GoogleTest, -m32 support, and for the armhf preset the
+# ARM hard-float cross compiler and qemu-user to run its test programs.
+#
+# -m32 support comes from the versioned multilib packages of the host's GCC
+# (12 on Debian 12): the unversioned gcc-multilib conflicts with every Debian
+# cross compiler, and all it adds is the /usr/include/asm link, which the m32
+# preset replaces with -idirafter /usr/include/x86_64-linux-gnu.
 set -euo pipefail
-packages=(cmake ninja-build g++ gcc pkg-config googletest libgtest-dev g++-multilib util-linux binutils)
+packages=(cmake ninja-build g++ gcc pkg-config googletest libgtest-dev util-linux binutils file
+          gcc-12-multilib g++-12-multilib
+          gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")

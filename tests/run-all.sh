@@ -1,16 +1,17 @@
 #!/bin/bash
-# Builds and tests everything: the default, asan and m32 presets, the
-# library's dependencies and exported symbols, and an installed copy used by
-# a C and a C++ consumer. Installs missing Debian packages first.
+# Builds and tests everything: the default, asan, m32 and armhf presets (the
+# last cross-built, its tests run under qemu-arm), the library's dependencies
+# and exported symbols, and an installed copy used by a C and a C++ consumer.
+# Installs missing Debian packages first.
 #
-#   bash tests/run-all.sh [PRESET...]      (default: default asan m32)
+#   bash tests/run-all.sh [PRESET...]      (default: default asan m32 armhf)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 bash scripts/install-deps.sh
 
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(default asan m32)
+[ ${#presets[@]} -gt 0 ] || presets=(default asan m32 armhf)
 passed=0 failed=0
 
 check() {  # check NAME COMMAND...: a named check that counts as one test
@@ -21,19 +22,33 @@ check() {  # check NAME COMMAND...: a named check that counts as one test
     fi
 }
 
+# Binutils for the preset's objects: the cross ones for armhf, so that no check
+# depends on how much of ARM the host's binutils understand.
+cross=""
+
 needs_libc_only() {
     local needed
-    needed=$(readelf -d "$1" | awk '/NEEDED/ {print $NF}' | tr -d '[]' | sort | tr '\n' ' ')
+    needed=$("${cross}readelf" -d "$1" | awk '/NEEDED/ {print $NF}' | tr -d '[]' | sort | tr '\n' ' ')
     [ "$needed" = "libc.so.6 " ] || { echo "NEEDED: $needed"; return 1; }
 }
 
 exports_exact() {
-    diff <(nm -D --defined-only "$1" | awk '{print $3}' | sed 's/@.*//' | grep -v '^LIBSHM_' | sort -u) \
+    diff <("${cross}nm" -D --defined-only "$1" | awk '{print $3}' | sed 's/@.*//' | grep -v '^LIBSHM_' | sort -u) \
          <(grep -E '^[A-Za-z_]' src/lib/libshm.exports | sort -u)
 }
 
 no_static_initialisers() {  # nothing of ours runs when the library is loaded
-    ! objdump -h "$1"/CMakeFiles/shm.dir/src/lib/*/*.o | grep -q -E 'init_array|\.ctors'
+    local headers
+    headers=$("${cross}objdump" -h "$1"/CMakeFiles/shm.dir/src/lib/*/*.o) || { echo "objdump failed"; return 1; }
+    ! grep -q -E 'init_array|\.ctors' <<<"$headers"
+}
+
+arm_hard_float() {  # an ARM shared object that passes floating point in VFP registers
+    local kind
+    kind=$(file -b "$1")
+    [[ $kind == "ELF 32-bit LSB shared object, ARM"* ]] || { echo "file: $kind"; return 1; }
+    arm-linux-gnueabihf-readelf -A "$1" | grep -q 'Tag_ABI_VFP_args: VFP registers' \
+        || { echo "no VFP argument passing (soft-float build?)"; return 1; }
 }
 
 installed_consumers() {
@@ -53,6 +68,8 @@ installed_consumers() {
 
 for preset in "${presets[@]}"; do
     echo "=== preset $preset"
+    started=$SECONDS
+    if [ "$preset" = armhf ]; then cross=arm-linux-gnueabihf-; else cross=""; fi
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset"
     log=$(mktemp)
@@ -62,15 +79,19 @@ for preset in "${presets[@]}"; do
     bad=$(sed -E 's/.*passed, ([0-9]+) tests? failed.*/\1/' <<<"$summary")
     passed=$((passed + total - bad)) failed=$((failed + bad))
     rm -f "$log"
-    if [ "$preset" = default ] || [ "$preset" = m32 ]; then
+    if [ "$preset" = default ] || [ "$preset" = m32 ] || [ "$preset" = armhf ]; then
         lib=build/$preset/libshm.so.1
         check "$preset: NEEDED is libc only" needs_libc_only "$lib"
         check "$preset: exported symbols are exactly src/lib/libshm.exports" exports_exact "$lib"
         check "$preset: no static initialisers" no_static_initialisers "build/$preset"
     fi
+    if [ "$preset" = armhf ]; then
+        check "armhf: libshm.so.1.0.0 is an ARM hard-float shared object" arm_hard_float build/armhf/libshm.so.1.0.0
+    fi
     if [ "$preset" = default ]; then
         check "installed library with C (pkg-config) and C++ (find_package) consumers" installed_consumers build/default
     fi
+    echo "=== preset $preset: $((SECONDS - started)) s"
 done
 
 echo "total: $passed passed, $failed failed"
