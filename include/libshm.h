@@ -142,6 +142,108 @@ int32_t isXRev(void);
 int32_t Vond_shm_lock_shm(int32_t sec_id);
 int32_t Vond_shm_unlock_shm(int32_t sec_id);
 
+/* ------------------------------------------------ platform identity record */
+
+/* Section 6, a 13-byte record that other processes fill. Each byte getter
+ * reads one byte and returns it (0 to 255); when the read fails it returns 0,
+ * the chassis type getter 247 (never an ngm code). None of them logs. */
+uint32_t Vond_get_platform_type(void);         /* 2 = modular (blade) platform */
+uint32_t Vond_get_system_id(void);
+uint32_t Vond_get_quorx_type(void);
+uint32_t Vond_get_generation(void);            /* 3 = 14G, 4 = 15G, 5+ = 16G and later */
+uint32_t Vond_get_modular_chassis_type(void);  /* bit 3 = ngm; 1, 3, 5 = brask */
+uint32_t Vond_get_post_update(void);
+uint32_t Vond_get_cpu_type(void);              /* 1 = AMD */
+
+/* Stores the blade slot byte through slot. 0; -1 if the platform is not
+ * modular, the read fails or slot is NULL. */
+int32_t Vond_get_blade_slot_num(uint8_t *slot);
+/* 1 if the progress bit is set, else 0 (also on a failed read). Bit 0 is the
+ * summary bit; a bit number whose low 8 bits are 32 or more answers 0. */
+uint32_t Vond_get_quorx_progress(int32_t bit);
+/* Sets (set non-zero) or clears (set 0) progress bit 1 to 31 under the
+ * section's lock, and re-derives summary bit 0: set exactly when bits 1, 5, 6,
+ * 13 and 22 (mask 0x00402062) all are. 0; -1 for bit 0, bit above 31, set
+ * above 1 or a lock failure; the attach result when attaching fails. */
+int32_t Vond_set_quorx_progress(int32_t bit, int32_t set);
+/* Stores the low byte of type; the result of Vond_shm_memwrite. */
+int32_t Vond_set_modular_chassis_type(uint32_t type);
+/* 1 for chassis type 1, 3 or 5, whatever the platform type; else 0. */
+int32_t is_modular_brask_chassis(void);
+/* 1 on a modular platform whose chassis type has bit 3 set; else 0. */
+uint32_t is_ngm(void);
+/* 1 if "/tmp/ec" exists (a dangling symbolic link counts), else 0. */
+uint32_t Vond_get_product_type(void);
+/* Stores 6 through time and returns 0 (-1 for NULL); reads nothing. */
+int32_t Vond_get_bios_livescan_stagger_time(uint8_t *time);
+/* Always 0; reads nothing. */
+int32_t Vond_get_hybridSysFlag(void);
+
+/* ------------------------------------------------ platform family predicates */
+
+/* Each answers 1 or 0 from the store as it is at the call; a failed read
+ * counts as a stored 0. */
+int32_t isAMD(void);
+int32_t is14GAMD(void);
+int32_t is15GAMD(void);                /* also true on 16G and later AMD */
+int32_t is16G(void);
+int32_t isQV(void);                    /* system id 28-30, 50-53, 56 */
+int32_t isVarduna(void);               /* system id 6, 7, 10, 11, 40 */
+int32_t isTesk(void);                  /* system id 106-110 */
+int32_t isMorvast(void);               /* system id 37 */
+int32_t isQillan(void);                /* system id 39 */
+int32_t isDunmarch(void);              /* system id 61 */
+int32_t IsBootFirstPolicyEnabled(void);
+int32_t isPowerOnHookAvailable(void);
+int32_t IsCPDimmPollingSupported(void);
+int32_t IsCPCpuCupsSupported(void);
+int32_t isBiosDonePost(void);          /* BIOS POST status 0x51, 0x7E or 0x7F */
+int32_t serialPECIPresent(void);
+
+/* ------------------------------------------------------------- time records */
+
+/* The EOP time (section 9), seconds since the epoch; 0 = not yet set. */
+/* 0 after storing it; -1 after storing 0 when the read fails (or eop NULL). */
+int32_t Vond_get_EOPTime(uint32_t *eop);
+/* op 1 stores eop, op 0 stores 0; any other op is -1 and writes nothing. */
+int32_t Vond_set_EOPTime(int32_t op, uint32_t eop);
+/* Seconds since the EOP time (32-bit arithmetic); 0 while it is 0; -1 on a
+ * failed read or clock. */
+int32_t Vond_get_SysUpTime(void);
+/* The EOP time in local time, ctime form without the line end, into a buffer
+ * of at least 26 bytes. 0 (buffer untouched while the time is 0); -1 on a
+ * failed read or a NULL buffer. */
+int32_t Vond_get_BootTime(char *text);
+/* The OS data collection date (section 19) in UTC as
+ * "yyyymmddhhmmss.000000+000", or "N/A" when never collected, into a buffer
+ * of 32 bytes. 0; -1 on a failed read (buffer untouched) or a NULL buffer. */
+int32_t Vond_get_OSDataCollectionDate(char *text);
+
+/* ------------------------------------- feature capabilities and VR sensors */
+
+/* Capability words 0 to 8 (section 10). 0; -1 for capname above 8, a failed
+ * access or a NULL value. */
+int32_t Get_SHM_feature_capabilities(uint32_t capname, uint16_t *value);
+int32_t Set_SHM_feature_capabilities(uint32_t capname, uint16_t value);
+
+#define MAX_CPU_VR_ENTRIES 4
+#define MAX_MEM_VR_ENTRIES 8
+/* Whether one VR's sensor is enabled, from the platform table (section 20).
+ * VRtype 5 = CPU VR (index 0 to 3), 3 = memory VR (index 0 to 7).
+ * 0 disabled, 1 enabled, 2 table not yet initialised (retry), 3 error. */
+int32_t Get_VR_Sensor_Enablement(uint32_t VRtype, uint32_t SHMindex);
+
+/* --------------------------------------- power status and blade form factor */
+
+/* The system power status byte (section 5); 255 when the read fails. */
+uint32_t GetSystemPowerStatusSHM(void);
+/* Stores the blade form factor byte (section 16). 0; -1 for NULL or a failed
+ * read. */
+int32_t Get_blade_form_factor(uint8_t *form_factor);
+/* Sixteen rows of two values, published for clients; the library never reads
+ * it. Writable: a change stays in the changing process. */
+extern int32_t powerInputMap[16][2];
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,191 @@
+// The platform identity record: getters and their failure values, the
+// progress bit algebra (also across processes), the chassis predicates, the
+// product-type marker and the constant answers.
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "harness.h"
+
+namespace {
+
+void put(int32_t offset, std::vector<uint8_t> bytes) {
+    ASSERT_EQ(Vond_shm_memwrite(6, bytes.data(), offset, static_cast<int32_t>(bytes.size())), 0);
+}
+uint32_t progress_word() {
+    uint32_t word = 0;
+    EXPECT_EQ(Vond_shm_memread(6, &word, 0, 4), 0);
+    return word;
+}
+// Every section lock fails from here on, so every store read fails.
+void break_locks() { ASSERT_EQ(semctl(gShmSecSemId, 0, IPC_RMID), 0); }
+
+struct Getter {
+    uint32_t (*call)();
+    int32_t offset;
+    uint32_t on_failure;
+};
+const Getter kGetters[] = {
+    {Vond_get_platform_type, 4, 0}, {Vond_get_system_id, 5, 0},  {Vond_get_quorx_type, 7, 0},
+    {Vond_get_generation, 8, 0},    {Vond_get_modular_chassis_type, 9, 247},
+    {Vond_get_post_update, 10, 0},  {Vond_get_cpu_type, 11, 0},
+};
+
+TEST(Identity, GettersReadTheirByteAndAnswerFixedValuesOnFailure) {
+    test::install_hook();
+    for (int32_t i = 0; i < 13; ++i) put(i, {static_cast<uint8_t>(0xA0 + i)});
+    for (const Getter& g : kGetters) EXPECT_EQ(g.call(), 0xA0u + g.offset) << "offset " << g.offset;
+    break_locks();
+    test::clear_messages();
+    for (const Getter& g : kGetters) EXPECT_EQ(g.call(), g.on_failure) << "offset " << g.offset;
+    EXPECT_EQ(Vond_get_quorx_progress(0), 0u);
+    EXPECT_EQ(Vond_set_quorx_progress(1, 1), -1);
+    EXPECT_EQ(is_modular_brask_chassis(), 0);
+    EXPECT_EQ(is_ngm(), 0u);
+    for (const test::Message& m : test::messages())  // only the access layer's own messages
+        EXPECT_EQ(m.text.find("identity.cpp"), std::string::npos) << m.text;
+}
+
+TEST(Identity, ProgressBitAlgebra) {
+    test::install_hook();
+    ASSERT_EQ(Vond_shm_init_shm(), 0);
+    struct Step {
+        int32_t bit, set, want;
+        uint32_t word;  // afterwards
+    };
+    const Step steps[] = {
+        {1, 1, 0, 0x2},           {5, 1, 0, 0x22},         {6, 1, 0, 0x62},
+        {13, 1, 0, 0x2062},       {22, 1, 0, 0x402063},    // last required bit: summary on
+        {1, 0, 0, 0x402060},      {1, 1, 0, 0x402063},     // bit 1 counts too
+        {3, -1, 0, 0x40206B},     // a negative set sets
+        {5, 0, 0, 0x40204A},      // clearing a required bit clears the summary
+        {5, 1, 0, 0x40206B},      {31, 1, 0, 0x8040206B},  {31, 0, 0, 0x40206B},
+        {0, 1, -1, 0x40206B},     {32, 1, -1, 0x40206B},   {3, 2, -1, 0x40206B},
+        {-248, 1, 0, 0x40216B},   // low 8 bits 8: bit 8
+        {-1, 1, 0, 0x40216B},     // shift 255: empty mask
+        {-256, 0, 0, 0x40216B},   // shift 0 clears bit 0, which is re-derived at once
+        {-224, 1, 0, 0x40216B},   // shift 32: empty mask
+        {-223, 1, 0, 0x40216B},   // shift 33: empty mask
+    };
+    for (const Step& s : steps) {
+        SCOPED_TRACE(::testing::Message() << "bit " << s.bit << " set " << s.set);
+        test::clear_messages();
+        EXPECT_EQ(Vond_set_quorx_progress(s.bit, s.set), s.want);
+        EXPECT_EQ(progress_word(), s.word);
+        EXPECT_EQ(test::count(1, "Vond_set_quorx_progress", "invalid argument or data size\n"),
+                  s.want == -1 ? 1 : 0);
+        EXPECT_EQ(test::messages().size(), s.want == -1 ? 1u : 0u);
+    }
+    // The summary follows the required bits on every call, whichever bit changes.
+    put(0, {0x62, 0x20, 0x40, 0x00});
+    EXPECT_EQ(Vond_set_quorx_progress(3, 0), 0);
+    EXPECT_EQ(progress_word(), 0x402063u);
+    put(0, {0x01, 0x00, 0x00, 0x00});
+    EXPECT_EQ(Vond_set_quorx_progress(3, 0), 0);
+    EXPECT_EQ(progress_word(), 0u);
+    EXPECT_EQ(test::section_semaphore_values(), std::vector<int>(34, 1));
+}
+
+TEST(Identity, ProgressGetterShiftsByTheLowByte) {
+    put(0, {0x63, 0x20, 0x40, 0x80});  // 0x80402063
+    const struct { int32_t bit; uint32_t want; } cases[] = {
+        {0, 1}, {1, 1}, {2, 0}, {22, 1}, {31, 1}, {32, 0}, {40, 0}, {-1, 0}, {257, 1}, {-255, 1}, {-256, 1}};
+    for (const auto& c : cases) EXPECT_EQ(Vond_get_quorx_progress(c.bit), c.want) << "bit " << c.bit;
+}
+
+TEST(Identity, ProgressSetterAttachesByItself) {
+    ASSERT_EQ(gShmData[0], nullptr);
+    EXPECT_EQ(Vond_set_quorx_progress(4, 1), 0);
+    EXPECT_EQ(progress_word(), 0x10u);
+}
+
+// Two processes each own half of bits 1 to 31 and set and clear them over and
+// over; a read-modify-write that is not atomic loses bits of the other.
+TEST(Identity, ConcurrentSettersLoseNoBits) {
+    ASSERT_EQ(Vond_shm_init_shm(), 0);
+    auto body = [](int32_t first) {
+        return [first]() -> int {
+            uint8_t go = 0;  // both start together, so their updates overlap
+            while (go == 0) Vond_shm_memread_unlocked(1, &go, 0, 1);
+            for (int round = 0; round < 2000; ++round)
+                for (int32_t set : {0, 1})
+                    for (int32_t bit = first; bit <= 31; bit += 2)
+                        if (Vond_set_quorx_progress(bit, set) != 0) return 1;
+            return 0;
+        };
+    };
+    const pid_t odd = test::start_child(body(1));
+    const pid_t even = test::start_child(body(2));
+    const uint8_t go = 1;
+    ASSERT_EQ(Vond_shm_memwrite(1, &go, 0, 1), 0);
+    const test::ChildResult a = test::wait_child(odd, 25), b = test::wait_child(even, 25);
+    ASSERT_TRUE(a.exited && a.code == 0 && b.exited && b.code == 0);
+    EXPECT_EQ(progress_word(), 0xFFFFFFFFu);
+
+    // The setter waits for the section lock another holder has.
+    ASSERT_EQ(Vond_shm_lock_shm(6), 0);
+    EXPECT_TRUE(test::run_child([] { return Vond_set_quorx_progress(7, 0); }, 1).timed_out);
+    ASSERT_EQ(Vond_shm_unlock_shm(6), 0);
+    EXPECT_EQ(progress_word(), 0xFFFFFFFFu);
+}
+
+TEST(Identity, ChassisPredicatesAndSetter) {
+    const struct { uint8_t platform, chassis; uint32_t ngm; int32_t brask; } cases[] = {
+        {0, 8, 0, 0}, {2, 8, 1, 0}, {2, 0x0C, 1, 0}, {2, 0x0D, 1, 0}, {2, 7, 0, 0},
+        {0, 1, 0, 1}, {0, 3, 0, 1}, {0, 5, 0, 1},    {2, 3, 0, 1},    {0, 0, 0, 0},
+        {0, 2, 0, 0}, {0, 4, 0, 0}, {0, 7, 0, 0},    {0, 9, 0, 0},    {2, 0xF7, 0, 0},
+    };
+    for (const auto& c : cases) {
+        put(4, {c.platform});
+        EXPECT_EQ(Vond_set_modular_chassis_type(c.chassis | 0x300u), 0);
+        EXPECT_EQ(Vond_get_modular_chassis_type(), c.chassis);
+        EXPECT_EQ(is_ngm(), c.ngm) << int(c.platform) << "/" << int(c.chassis);
+        EXPECT_EQ(is_modular_brask_chassis(), c.brask) << int(c.chassis);
+    }
+    uint8_t record[13];
+    ASSERT_EQ(Vond_shm_memread(6, record, 0, 13), 0);
+    EXPECT_EQ(record[8], 0);
+    EXPECT_EQ(record[10], 0);
+}
+
+TEST(Identity, BladeSlotOnlyOnModularPlatforms) {
+    test::install_hook();
+    put(4, {1, 0, 7});
+    uint8_t slot = 0x55;
+    EXPECT_EQ(Vond_get_blade_slot_num(&slot), -1);
+    EXPECT_EQ(slot, 0x55);
+    EXPECT_EQ(test::count(1, "Vond_get_blade_slot_num", "platform is not modular\n"), 1);
+    put(4, {2});
+    EXPECT_EQ(Vond_get_blade_slot_num(&slot), 0);
+    EXPECT_EQ(slot, 7);
+    EXPECT_EQ(Vond_get_blade_slot_num(nullptr), -1);
+    EXPECT_EQ(test::count(1, "Vond_get_blade_slot_num", "slot NULL pointer\n"), 1);
+}
+
+TEST(Identity, ProductTypeIsTheMarkersExistence) {
+    EXPECT_EQ(Vond_get_product_type(), 0u);
+    test::touch("/tmp/ec");
+    EXPECT_EQ(Vond_get_product_type(), 1u);
+    ASSERT_EQ(unlink("/tmp/ec"), 0);
+    ASSERT_EQ(mkdir("/tmp/ec", 0755), 0);
+    EXPECT_EQ(Vond_get_product_type(), 1u);
+    ASSERT_EQ(rmdir("/tmp/ec"), 0);
+    ASSERT_EQ(symlink("/tmp/nowhere", "/tmp/ec"), 0);
+    EXPECT_EQ(Vond_get_product_type(), 1u);
+}
+
+TEST(Identity, ConstantAnswersTouchNoStore) {
+    uint8_t time = 0;
+    EXPECT_EQ(Vond_get_bios_livescan_stagger_time(&time), 0);
+    EXPECT_EQ(time, 6);
+    EXPECT_EQ(Vond_get_hybridSysFlag(), 0);
+    EXPECT_EQ(gShmData[0], nullptr);
+    EXPECT_EQ(Vond_get_bios_livescan_stagger_time(nullptr), -1);
+}
+
+}  // namespace
