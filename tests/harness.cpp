@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/sem.h>
@@ -133,6 +135,10 @@ std::vector<int> section_semaphore_values() {
 void touch(const char* path) {
     const int fd = open(path, O_CREAT | O_WRONLY, 0644);
     if (fd >= 0) close(fd);
+}
+
+void put(int32_t section, int32_t offset, uint8_t byte) {
+    ASSERT_EQ(Vond_shm_memwrite(section, &byte, offset, 1), 0);
 }
 
 }  // namespace test

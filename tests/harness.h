@@ -55,4 +55,8 @@ std::vector<int> section_semaphore_values();
 
 void touch(const char* path);
 
+// Writes one byte of a section through the locked write; fails the test if
+// the write does.
+void put(int32_t section, int32_t offset, uint8_t byte);
+
 }  // namespace test

@@ -11,9 +11,7 @@
 
 namespace {
 
-void put(int32_t sec, int32_t offset, uint8_t byte) {
-    ASSERT_EQ(Vond_shm_memwrite(sec, &byte, offset, 1), 0);
-}
+using test::put;
 uint8_t byte_at(int32_t sec, int32_t offset) {
     uint8_t b = 0xEE;
     EXPECT_EQ(Vond_shm_memread(sec, &b, offset, 1), 0);

@@ -12,9 +12,7 @@
 
 namespace {
 
-void put(int32_t sec, int32_t offset, uint8_t byte) {
-    ASSERT_EQ(Vond_shm_memwrite(sec, &byte, offset, 1), 0);
-}
+using test::put;
 // generation, cpu type and system id of the identity record.
 void platform(uint8_t generation, uint8_t cpu, uint8_t system_id) {
     put(6, 8, generation);
@@ -163,14 +161,6 @@ TEST(Predicates, SerialPeciReadFailure) {
         if (line.find(error) != std::string::npos && line.rfind("<147>", 0) == 0) ++found;
     }
     EXPECT_EQ(found, 1);
-}
-
-TEST(Predicates, EmptyStoreAnswersNoExceptDimmPolling) {
-    int32_t (*const no[])() = {isAMD, is14GAMD, is15GAMD, is16G, isQV, isVarduna, isTesk, isMorvast,
-                               isQillan, isDunmarch, IsBootFirstPolicyEnabled, isPowerOnHookAvailable,
-                               IsCPCpuCupsSupported, isBiosDonePost, serialPECIPresent};
-    for (auto call : no) EXPECT_EQ(call(), 0);
-    EXPECT_EQ(IsCPDimmPollingSupported(), 1);
 }
 
 }  // namespace

@@ -31,6 +31,14 @@ bool read_time(int32_t section, int32_t offset, uint32_t& value) {
     return true;
 }
 
+// The EOP time, for the calls that report its read failure under their own
+// name.
+bool read_eop(const char* function, uint32_t& eop) {
+    if (read_time(SHM_SEC_TIME, shm::times::kEopTime, eop)) return true;
+    SHM_LOG_AS(function, 1, "shmread failed.\n");
+    return false;
+}
+
 time_t to_time_t(uint32_t seconds) { return static_cast<time_t>(seconds); }
 
 }  // namespace
@@ -41,13 +49,9 @@ SHM_EXPORT int32_t Vond_get_EOPTime(uint32_t* eop) {
         return -1;
     }
     uint32_t value = 0;
-    if (!read_time(SHM_SEC_TIME, shm::times::kEopTime, value)) {
-        *eop = 0;
-        SHM_LOG(1, "shmread failed.\n");
-        return -1;
-    }
+    const bool read = read_eop(__func__, value);
     *eop = value;
-    return 0;
+    return read ? 0 : -1;
 }
 
 SHM_EXPORT int32_t Vond_set_EOPTime(int32_t op, uint32_t eop) {
@@ -69,10 +73,7 @@ SHM_EXPORT int32_t Vond_set_EOPTime(int32_t op, uint32_t eop) {
 
 SHM_EXPORT int32_t Vond_get_SysUpTime(void) {
     uint32_t eop = 0;
-    if (!read_time(SHM_SEC_TIME, shm::times::kEopTime, eop)) {
-        SHM_LOG(1, "shmread failed.\n");
-        return -1;
-    }
+    if (!read_eop(__func__, eop)) return -1;
     if (eop == 0) {
         SHM_LOG(3, "EOP time not yet set.\n");
         return 0;
@@ -93,10 +94,7 @@ SHM_EXPORT int32_t Vond_get_BootTime(char* text) {
         return -1;
     }
     uint32_t eop = 0;
-    if (!read_time(SHM_SEC_TIME, shm::times::kEopTime, eop)) {
-        SHM_LOG(1, "shmread failed.\n");
-        return -1;
-    }
+    if (!read_eop(__func__, eop)) return -1;
     if (eop == 0) {
         SHM_LOG(3, "EOP time not yet set.\n");
         return 0;
