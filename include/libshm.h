@@ -244,6 +244,158 @@ int32_t Get_blade_form_factor(uint8_t *form_factor);
  * it. Writable: a change stays in the changing process. */
 extern int32_t powerInputMap[16][2];
 
+/* ------------------------------------------------------------- FRU records */
+
+/* Packed records of the FRU data section (22). Multi-byte fields are
+ * little-endian and unaligned: read them by value, never through a pointer
+ * to the field. */
+#define SHM_FRU_SECTION_SIZE     242557
+#define SHM_FRU_MAX_DEVICES      59   /* a larger deviceCount marks the directory corrupt */
+#define SHM_FRU_MAX_CLASS_DEVICES 64  /* entries in a FruDeviceList */
+
+/* Result codes of the three directory queries. */
+#define SHM_FRU_OK               0
+#define SHM_FRU_NOT_FOUND        1    /* also: block out of range, copy failed */
+#define SHM_FRU_NOT_INITIALIZED  195
+#define SHM_FRU_BAD_ARGUMENT     201  /* also: corrupt directory */
+
+/* One directory entry, at section offset 8 + 15 * i. */
+typedef struct __attribute__((packed)) FruEntry {
+    uint8_t status;          /* 1 = data initialised */
+    uint16_t fruId;
+    uint8_t reserved3;       /* carried */
+    uint8_t fruAttribute;
+    uint8_t deviceType;      /* 0 to 25 */
+    uint8_t fruLocator;      /* 1 to 3 */
+    uint16_t dataLength;
+    uint32_t dataOffset;     /* from the start of the section */
+    uint8_t reserved13[2];   /* carried */
+} FruEntry;
+/* The caller's copy of one entry, byte for byte. */
+typedef FruEntry FruInfo;
+
+typedef struct __attribute__((packed)) FruDeviceListEntry {
+    uint16_t fruId;
+    uint8_t fruAttribute;
+    uint8_t fruLocator;
+} FruDeviceListEntry;
+/* 258 bytes; byte 1 is a gap the library never writes. */
+typedef struct __attribute__((packed)) FruDeviceList {
+    uint8_t count;
+    uint8_t gap;
+    FruDeviceListEntry entry[SHM_FRU_MAX_CLASS_DEVICES];
+} FruDeviceList;
+
+/* Copies the data block of FRU id into data, which must hold the FRU's
+ * dataLength bytes (at most 65535; Vond_shm_get_fruinfo tells the length).
+ * 0, 1, 195 or 201 as above. */
+uint32_t Vond_shm_get_frudata(uint32_t id, uint8_t *data);
+/* Copies the directory entry of FRU id, initialised or not. 0, 1 or 201. */
+uint32_t Vond_shm_get_fruinfo(uint32_t id, FruInfo *fruinfo);
+/* Lists the FRUs of one device class (0 to 25) at one locator (1 to 3).
+ * 0 (count may be 0), 1 or 201. */
+uint32_t Vond_shm_get_fruDeviceinfo(uint32_t deviceType, uint32_t fruLocator,
+                                    FruDeviceList *fruDeviceInfo);
+/* The OCP mezzanine card's FRU id (section 24), 1 to 254; 255 for none. */
+uint32_t getOCPMezzFRUID(void);
+
+/* -------------------------------------------------------- DIMM wear records */
+
+#define SHM_DIMM_INVENTORY_OFFSET  7357  /* in section 7 */
+#define SHM_DIMM_INVENTORY_RECORDS 128
+#define SHM_DIMM_INVENTORY_RECORD_SIZE 46
+#define SHM_DIMM_WEAR_OFFSET       555   /* in section 21 */
+#define SHM_DIMM_WEAR_RECORDS      192
+#define SHM_DIMM_WEAR_RECORD_SIZE  40
+
+/* An entry of the position update list: a count byte N, then N of these. */
+typedef struct __attribute__((packed)) DimmWearPosition {
+    uint8_t cpu;      /* 0 to 3 */
+    uint8_t channel;  /* 0 to 7 */
+    uint8_t dimm;     /* 0 to 5 */
+    uint8_t type;     /* only logged */
+    uint8_t wear;     /* percent */
+} DimmWearPosition;
+
+/* An entry of the FQDD update list and of the wear report: a count byte N,
+ * then N of these (a buffer for N entries needs 1 + 18 * N bytes). */
+typedef struct __attribute__((packed)) DimmWearEntry {
+    uint8_t index;    /* report: the module's slot number; update: ignored */
+    uint8_t wear;     /* percent, 0 to 255 */
+    char fqdd[16];    /* NUL-terminated, at most 15 characters */
+} DimmWearEntry;
+
+/* Turns the 1-based CPU and channel numbers of an inventory record into the
+ * 0-based indexes of the wear table, masked (not checked) into 0..3 and 0..7.
+ * Returns 0. */
+int32_t calculateCPUChannelNum(uint32_t *cpu, uint32_t *channel);
+/* 1 for the Apache Pass module types 5 to 10, else 0. */
+int32_t isNVDIMMApachePass(uint32_t type);
+/* Inventory records with an Apache Pass type (0 to 128); 0 when unreadable. */
+int32_t getNVDIMMApachePassCount(void);
+/* Stores the wear of each listed position (count byte, then DimmWearPosition
+ * entries). 0; 1 on a NULL list, a position out of range (earlier entries
+ * stay written) or a failed access. */
+uint32_t updateDIMMWearLevel(const uint8_t *list);
+/* Stores the wear of each listed module found by FQDD (count byte, then
+ * DimmWearEntry entries); modules not found are skipped. 0; 1 on a NULL list
+ * or an unreadable inventory. */
+uint32_t updateDIMMWearLevelUsingFQDD(const uint8_t *list);
+/* Reports every Apache Pass module's wear into buffer (size bytes): a count
+ * byte, then DimmWearEntry entries. 0; 1 on a NULL buffer, size 0, a buffer
+ * too small for every module, or an unreadable inventory. */
+uint32_t readDIMMWearLevel(uint8_t *buffer, uint32_t size);
+
+/* ------------------------------------------------- serial data record ring */
+
+/* Section 26: a byte ring of SDC_RING_SIZE bytes, then the 220-byte header. */
+#define SDC_RING_SIZE       524288
+#define SDC_HEADER_OFFSET   524288
+#define SDC_HEADER_SIZE     220
+#define SDC_MAX_APPS        8
+#define SDC_APP_NAME_SIZE   21
+#define SDC_SIGNATURE       "VondSDC"
+#define SDC_RECOVERY_FILE   "/flash/data0/sdc.bin"
+#define SDC_RECOVERY_FILE_SIZE 524508   /* an image of the whole section */
+#define SDC_POLL_BUFFER_SIZE   524287   /* the most one poll delivers */
+#define SDC_EXPORT_BUFFER_SIZE 524288   /* the most one export delivers */
+
+typedef struct __attribute__((packed)) SdcAppEntry {
+    char Name[SDC_APP_NAME_SIZE];   /* free when Name[0] is 0 */
+    uint32_t iLast;                 /* ring index last delivered (unaligned) */
+} SdcAppEntry;
+
+typedef struct __attribute__((packed)) SdcHeader {
+    uint32_t Head;      /* index of the oldest byte once the ring has wrapped */
+    uint32_t Tail;      /* index of the newest byte */
+    uint32_t Written;   /* 0 until the first write */
+    SdcAppEntry SDCAppTable[SDC_MAX_APPS];
+    char Signature[8];  /* "VondSDC" and a zero byte */
+} SdcHeader;
+
+/* Restores section 26 from the recovery file when it is valid, else checks
+ * the header and writes the signature where it is missing. Meant for the
+ * process that brings the store up, once. 0 or -1. */
+int32_t Vond_shm_init_sdc(void);
+/* Appends *length bytes (1 to SDC_RING_SIZE) of data, overwriting the oldest
+ * bytes of a full ring. *length must not change during the call. 0 or -1. */
+int32_t Vond_shm_write_sdc(const uint32_t *length, const void *data);
+/* Copies the whole ring, oldest byte first, into buffer (at least
+ * SDC_EXPORT_BUFFER_SIZE bytes) and stores the count in *length. 0 or -1. */
+int32_t Vond_shm_export_sdc(uint32_t *length, void *buffer);
+/* Empties the ring; the application table and the signature stay. 0 or -1. */
+int32_t Vond_shm_clear_sdc(void);
+/* The count an export would return. 0 or -1. */
+int32_t Vond_shm_get_size_sdc(uint32_t *size);
+/* Registers an application by name (at most 20 bytes are stored, 21
+ * compared) and stores its slot 0 to 7 in *id (-1 when none is free).
+ * 0 or -1. */
+int32_t Vond_shm_periodic_register_sdc(const char *name, int32_t *id);
+/* Copies the bytes written since the application's previous poll into buffer
+ * (at least SDC_POLL_BUFFER_SIZE bytes) and stores a count in *length; see
+ * README.md for what the count means after the ring wrapped. 0 or -1. */
+int32_t Vond_shm_periodic_get_sdc(uint32_t *length, void *buffer, uint32_t id);
+
 #ifdef __cplusplus
 }
 #endif
