@@ -327,7 +327,7 @@ typedef struct __attribute__((packed)) DimmWearEntry {
 
 /* Turns the 1-based CPU and channel numbers of an inventory record into the
  * 0-based indexes of the wear table, masked (not checked) into 0..3 and 0..7.
- * Returns 0. */
+ * Returns 0 (1, changing nothing, when either pointer is NULL). */
 int32_t calculateCPUChannelNum(uint32_t *cpu, uint32_t *channel);
 /* 1 for the Apache Pass module types 5 to 10, else 0. */
 int32_t isNVDIMMApachePass(uint32_t type);
