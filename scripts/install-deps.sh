@@ -10,7 +10,9 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ gcc pkg-config googletest libgtest-dev util-linux binutils file
           gcc-12-multilib g++-12-multilib
-          gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user)
+          gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
+          libcli11-dev nlohmann-json3-dev scdoc
+          clang-14 libclang-rt-14-dev valgrind)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")

@@ -4,7 +4,8 @@
 # and exported symbols, and an installed copy used by a C and a C++ consumer.
 # Installs missing Debian packages first.
 #
-#   bash tests/run-all.sh [PRESET...]      (default: default asan m32 armhf)
+#   bash tests/run-all.sh [PRESET...]      (default: default asan m32 armhf, then
+#                                          valgrind and the fuzz targets)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -93,6 +94,14 @@ for preset in "${presets[@]}"; do
     fi
     echo "=== preset $preset: $((SECONDS - started)) s"
 done
+
+# A full run also checks the unsanitized build under valgrind and fuzzes every
+# target for a bounded time (SHM_FUZZ_SECONDS each, 60 by default).
+if [ $# -eq 0 ]; then
+    check "valgrind memcheck: access, SDC, FRU and DIMM cases" \
+        bash tests/valgrind.sh build/default test_access test_sdc test_fru test_dimm
+    check "fuzz: every target ${SHM_FUZZ_SECONDS:-60} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-60}"
+fi
 
 echo "total: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
