@@ -12,7 +12,9 @@ packages=(cmake ninja-build g++ gcc pkg-config googletest libgtest-dev util-linu
           gcc-12-multilib g++-12-multilib
           gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
           libcli11-dev nlohmann-json3-dev scdoc
-          clang-14 libclang-rt-14-dev valgrind)
+          clang-14 libclang-rt-14-dev valgrind abigail-tools
+          debhelper dpkg-dev fakeroot lintian
+          strace libbenchmark-dev python3)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")

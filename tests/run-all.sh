@@ -5,7 +5,8 @@
 # Installs missing Debian packages first.
 #
 #   bash tests/run-all.sh [PRESET...]      (default: default asan m32 armhf, then
-#                                          valgrind and the fuzz targets)
+#                                          valgrind, the Debian packages and the
+#                                          fuzz targets)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -61,6 +62,7 @@ installed_consumers() {
     PKG_CONFIG_PATH=$prefix/lib/pkgconfig cmake -S tests/install -B "$consumers" -G Ninja \
         -DCMAKE_PREFIX_PATH="$prefix" >/dev/null && cmake --build "$consumers" >/dev/null &&
         LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_c" &&
+        LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_c" --layout | diff - tests/install/layout.expected &&
         LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_cpp"
     local rc=$?
     rm -rf "$prefix" "$consumers"
@@ -95,11 +97,24 @@ for preset in "${presets[@]}"; do
     echo "=== preset $preset: $((SECONDS - started)) s"
 done
 
+# The interface against its committed baselines, once both widths are built.
+if [[ " ${presets[*]} " == *" default "* && " ${presets[*]} " == *" m32 "* ]]; then
+    check "ABI of the 64-bit and 32-bit library matches abi/*.abi" bash abi/check.sh
+fi
+
+# The package's symbols file lists exactly the exported names.
+symbols_match_exports() {
+    diff <(awk 'NR > 1 && $1 !~ /^LIBSHM_/ {sub(/@.*/, "", $1); print $1}' debian/libshm1.symbols | sort) \
+         <(grep -E '^[A-Za-z_]' src/lib/libshm.exports | sort)
+}
+check "debian/libshm1.symbols lists exactly src/lib/libshm.exports" symbols_match_exports
+
 # A full run also checks the unsanitized build under valgrind and fuzzes every
 # target for a bounded time (SHM_FUZZ_SECONDS each, 60 by default).
 if [ $# -eq 0 ]; then
     check "valgrind memcheck: access, SDC, FRU and DIMM cases" \
         bash tests/valgrind.sh build/default test_access test_sdc test_fru test_dimm
+    check "Debian packages build, pass lintian and serve both consumers" bash scripts/build-debs.sh
     check "fuzz: every target ${SHM_FUZZ_SECONDS:-60} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-60}"
 fi
 

@@ -1,0 +1,42 @@
+#!/bin/bash
+# Builds the Debian packages (libshm1, libshm-dev, shmtool) from a copy of the
+# working tree, checks them with lintian (errors fail), installs them, builds
+# the C and C++ consumers against the installed packages, runs both and the
+# tool's help on a private store, and removes the packages again.
+#   bash scripts/build-debs.sh [OUTPUT_DIR]      (default: build/debs)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+out=$(realpath -m "${1:-build/debs}")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+rm -rf "$out" && mkdir -p "$out"
+src=$work/libshm-1.0.0
+mkdir -p "$src"
+git ls-files --cached --others --exclude-standard | while IFS= read -r file; do
+    [ ! -e "$file" ] || cp --parents -t "$src" "$file"  # skips files deleted but not yet committed
+done
+(cd "$src" && dpkg-buildpackage -us -uc -b >"$work/build.log" 2>&1) || { tail -40 "$work/build.log"; exit 1; }
+mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$out"/
+echo "packages: $(cd "$out" && ls *.deb | tr '\n' ' ')"
+
+lintian_log=$(lintian --tag-display-limit 0 "$out"/*.changes 2>&1 || true)
+grep -E '^[EW]:' <<<"$lintian_log" || true
+! grep -q '^E:' <<<"$lintian_log" || { echo "lintian reports errors"; exit 1; }
+
+installed=(libshm1 libshm-dev shmtool)
+cd "$out"
+dpkg -i "${installed[@]/%/_1.0.0_$(dpkg --print-architecture).deb}" >/dev/null
+cleanup() { dpkg -r "${installed[@]}" >/dev/null 2>&1 || true; rm -rf "$work"; }
+trap cleanup EXIT
+cd "$root"
+consumers=$work/consumers
+cmake -S tests/install -B "$consumers" -G Ninja >/dev/null
+cmake --build "$consumers" >/dev/null
+tests/sandbox.sh "$consumers/consumer_c"
+tests/sandbox.sh "$consumers/consumer_c" --layout | diff - tests/install/layout.expected
+tests/sandbox.sh "$consumers/consumer_cpp"
+tests/sandbox.sh /usr/bin/shmtool --help >/dev/null
+man -w shmtool >/dev/null 2>&1 || [ -e /usr/share/man/man1/shmtool.1.gz ]
+echo "packages: built, lintian clean of errors, installed and used by both consumers"
