@@ -93,6 +93,14 @@ inline void expect_unchanged_outside(const std::vector<uint8_t>& before, int64_t
     }
 }
 
+// A caller buffer of exactly `size` bytes, kept for the whole run, so the
+// sanitizer reports any access past its documented size.
+template <size_t size>
+std::vector<uint8_t>& buffer_of() {
+    static std::vector<uint8_t> b(size);
+    return b;
+}
+
 inline std::vector<uint8_t> snapshot() {
     return std::vector<uint8_t>(segment(), segment() + SHM_SIZE);
 }

@@ -7,11 +7,6 @@ namespace {
 
 constexpr size_t kImage = SDC_RECOVERY_FILE_SIZE;
 
-std::vector<uint8_t>& buffer() {
-    static std::vector<uint8_t> b(SDC_EXPORT_BUFFER_SIZE);
-    return b;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -42,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int32_t results[] = {
         Vond_shm_init_sdc(),
         Vond_shm_get_size_sdc(&count),
-        Vond_shm_export_sdc(&count, buffer().data()),
-        Vond_shm_periodic_get_sdc(&count, buffer().data(), in.u8() % 8),
+        Vond_shm_export_sdc(&count, buffer_of<SDC_EXPORT_BUFFER_SIZE>().data()),
+        Vond_shm_periodic_get_sdc(&count, buffer_of<SDC_POLL_BUFFER_SIZE>().data(), in.u8() % 8),
     };
     for (int32_t r : results) FUZZ_CHECK(r == 0 || r == -1);
     FUZZ_CHECK(count <= SDC_EXPORT_BUFFER_SIZE);

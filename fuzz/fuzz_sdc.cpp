@@ -5,19 +5,6 @@
 // buffers, which have exactly their documented sizes.
 #include "fuzz_common.h"
 
-namespace {
-
-std::vector<uint8_t>& poll_buffer() {
-    static std::vector<uint8_t> b(SDC_POLL_BUFFER_SIZE);
-    return b;
-}
-std::vector<uint8_t>& export_buffer() {
-    static std::vector<uint8_t> b(SDC_EXPORT_BUFFER_SIZE);
-    return b;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace fuzz;
     segment();
@@ -45,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             }
             case 1:
-                result = Vond_shm_export_sdc(&count, export_buffer().data());
+                result = Vond_shm_export_sdc(&count, buffer_of<SDC_EXPORT_BUFFER_SIZE>().data());
                 FUZZ_CHECK(count <= SDC_EXPORT_BUFFER_SIZE);
                 break;
             case 2:
@@ -62,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             }
             case 5:
-                result = Vond_shm_periodic_get_sdc(&count, poll_buffer().data(), in.u8() % 10);
+                result = Vond_shm_periodic_get_sdc(&count, buffer_of<SDC_POLL_BUFFER_SIZE>().data(), in.u8() % 10);
                 FUZZ_CHECK(count <= SDC_POLL_BUFFER_SIZE);
                 break;
             default: result = Vond_shm_init_sdc(); break;

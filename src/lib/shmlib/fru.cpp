@@ -104,6 +104,16 @@ uint32_t open_directory(const char* function, Directory& dir) {
     return kOk;
 }
 
+// The steps both id queries take once their pointer is checked: open the
+// directory and find the first entry with the id, logged under the query's
+// name. kOk with `entry` filled, or the query's result.
+uint32_t find_entry(const char* function, uint32_t id, Directory& dir, Entry& entry) {
+    if (const uint32_t result = open_directory(function, dir); result != kOk) return result;
+    SHM_LOG_AS(function, 9, "%s: shm get success\n", function);
+    if (dir.count == 0 || !dir.find(id, entry)) return kNotFound;
+    return kOk;
+}
+
 }  // namespace
 
 SHM_EXPORT uint32_t Vond_shm_get_frudata(uint32_t id, uint8_t* data) {
@@ -113,11 +123,8 @@ SHM_EXPORT uint32_t Vond_shm_get_frudata(uint32_t id, uint8_t* data) {
         return kBadArgument;
     }
     Directory dir;
-    if (const uint32_t result = open_directory(__func__, dir); result != kOk) return result;
-    SHM_LOG(9, "%s: shm get success\n", __func__);
-
     Entry entry;
-    if (dir.count == 0 || !dir.find(id, entry)) return kNotFound;
+    if (const uint32_t result = find_entry(__func__, id, dir, entry); result != kOk) return result;
     if (entry[fru::kStatus] != fru::kInitialised) {
         SHM_LOG(1, " %s() FRU not initialized \n", __func__);
         return kNotInitialised;
@@ -143,11 +150,8 @@ SHM_EXPORT uint32_t Vond_shm_get_fruinfo(uint32_t id, FruInfo* fruinfo) {
         return kBadArgument;
     }
     Directory dir;
-    if (const uint32_t result = open_directory(__func__, dir); result != kOk) return result;
-    SHM_LOG(9, "%s: shm get success\n", __func__);
-
     Entry entry;
-    if (dir.count == 0 || !dir.find(id, entry)) return kNotFound;
+    if (const uint32_t result = find_entry(__func__, id, dir, entry); result != kOk) return result;
     // The whole entry, status included: an uninitialised FRU is reported too.
     uint8_t* out = reinterpret_cast<uint8_t*>(fruinfo);
     for (int32_t i = 0; i < fru::kEntrySize; ++i) out[i] = entry[i];
