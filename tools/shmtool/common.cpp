@@ -1,0 +1,297 @@
+#include "common.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+namespace shmtool {
+
+Options g_options;
+
+namespace {
+
+Action g_action;
+
+struct SectionInfo {
+    int number;
+    const char* name;
+    const char* role;
+};
+constexpr SectionInfo kKnownSections[] = {
+    {SHM_SEC_POWER, "power", "chassis power status"},
+    {SHM_SEC_PLATFORM_ID, "platform", "platform identity"},
+    {SHM_SEC_DIMM_INVENTORY, "dimm-inventory", "DIMM inventory"},
+    {SHM_SEC_TIME, "time", "time records"},
+    {SHM_SEC_FEATURE_CAPS, "caps", "feature capabilities"},
+    {SHM_SEC_BIOS_STATE, "bios", "BIOS POST state"},
+    {SHM_SEC_BLADE, "blade", "blade form factor"},
+    {SHM_SEC_OS_DATA, "os-data", "OS data"},
+    {SHM_SEC_PBT, "pbt", "platform table (PBT)"},
+    {SHM_SEC_DIMM_WEAR, "dimm-wear", "DIMM wear records"},
+    {SHM_SEC_FRU_DATA, "fru", "FRU data"},
+    {SHM_SEC_OCP_MEZZ, "ocp-mezz", "OCP mezzanine FRU id"},
+    {SHM_SEC_SDC, "sdc", "SDC serial record ring"},
+};
+
+const SectionInfo* known(int section) {
+    for (const SectionInfo& info : kKnownSections)
+        if (info.number == section) return &info;
+    return nullptr;
+}
+
+}  // namespace
+
+void usage_error(const std::string& message) { throw Error{kUsage, message}; }
+void failure(const std::string& message) { throw Error{kFailed, message}; }
+
+void library_failure(const char* call, long result, const std::string& meaning) {
+    throw Error{kFailed, std::string(call) + " returned " + std::to_string(result) + ": " + meaning +
+                             (g_options.verbose ? "" : " (-v shows the library's messages)")};
+}
+
+void set_action(Action action) { g_action = std::move(action); }
+void run_action() {
+    if (g_action) g_action();
+}
+
+// ------------------------------------------------------------------ store
+
+void attach() {
+    const int32_t result = Vond_shm_init_shm();
+    if (result != 0) library_failure("Vond_shm_init_shm", result, "cannot attach the store");
+}
+
+Bytes read_section(int section, int32_t offset, int32_t length) {
+    attach();
+    Bytes bytes(static_cast<size_t>(length));
+    if (length == 0) return bytes;
+    const int32_t result = Vond_shm_memread(section, bytes.data(), offset, length);
+    if (result != 0)
+        library_failure("Vond_shm_memread", result,
+                        "cannot read section " + std::to_string(section) + " (its lock or the store failed)");
+    return bytes;
+}
+
+void write_section(int section, int32_t offset, const Bytes& bytes) {
+    attach();
+    const int32_t result =
+        Vond_shm_memwrite(section, bytes.data(), offset, static_cast<int32_t>(bytes.size()));
+    switch (result) {
+        case 0: return;
+        case -1: library_failure("Vond_shm_memwrite", result, "could not take the section lock");
+        case -2: library_failure("Vond_shm_memwrite", result, "bad section number");
+        case -3: library_failure("Vond_shm_memwrite", result, "offset outside the section");
+        case -4: library_failure("Vond_shm_memwrite", result, "could not attach the store");
+        default: library_failure("Vond_shm_memwrite", result, "write failed");
+    }
+}
+
+int32_t section_size(int section) { return gShmSecSize[section]; }
+
+int64_t section_offset(int section) {
+    int64_t offset = 0;
+    for (int i = 0; i < section; ++i) offset += gShmSecSize[i];
+    return offset;
+}
+
+const char* section_role(int section) {
+    if (section == SHM_SEC_EMPTY) return "empty";
+    const SectionInfo* info = known(section);
+    return info ? info->role : "-";
+}
+
+const char* section_name(int section) {
+    const SectionInfo* info = known(section);
+    return info ? info->name : "";
+}
+
+// --------------------------------------------------------------- parsing
+
+int64_t parse_number(const std::string& text, const char* what, int64_t min, int64_t max) {
+    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const std::string digits = hex ? text.substr(2) : text;
+    bool valid = !digits.empty() && digits.size() <= 12;
+    for (char c : digits)
+        valid = valid && (hex ? std::isxdigit(static_cast<unsigned char>(c)) : std::isdigit(static_cast<unsigned char>(c)));
+    const int64_t value = valid ? std::stoll(digits, nullptr, hex ? 16 : 10) : 0;
+    if (!valid || value < min || value > max)
+        usage_error(std::string("bad ") + what + " '" + text + "': expected " + std::to_string(min) + " to " +
+                    std::to_string(max));
+    return value;
+}
+
+int parse_section(const std::string& text) {
+    for (const SectionInfo& info : kKnownSections)
+        if (text == info.name) return info.number;
+    if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])))
+        usage_error("unknown section '" + text + "': give a number 1 to 33 or a name (see shmtool info)");
+    const int section = static_cast<int>(parse_number(text, "section", 0, SHM_SEC_LAST));
+    if (section == SHM_SEC_EMPTY) usage_error("section 0 is empty");
+    return section;
+}
+
+Bytes parse_hex(const std::string& text) {
+    Bytes bytes;
+    bool valid = !text.empty() && text.size() % 2 == 0;
+    for (size_t i = 0; valid && i < text.size(); i += 2) {
+        valid = std::isxdigit(static_cast<unsigned char>(text[i])) &&
+                std::isxdigit(static_cast<unsigned char>(text[i + 1]));
+        if (valid) bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
+    }
+    if (!valid) usage_error("bad HEXBYTES '" + text + "': expected pairs of hex digits, like 0a1b2c");
+    return bytes;
+}
+
+// ---------------------------------------------------------------- output
+
+void print_json(const json& document) { std::printf("%s\n", document.dump(2).c_str()); }
+
+std::string hex_string(const uint8_t* bytes, size_t length) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(length * 2);
+    for (size_t i = 0; i < length; ++i) {
+        out += digits[bytes[i] >> 4];
+        out += digits[bytes[i] & 15];
+    }
+    return out;
+}
+
+void print_hexdump(const uint8_t* bytes, size_t length, uint64_t base) {
+    for (size_t row = 0; row < length; row += 16) {
+        std::printf("%08llx ", static_cast<unsigned long long>(base + row));
+        for (size_t i = row; i < row + 16; ++i) {
+            if (i % 8 == 0) std::putchar(' ');
+            if (i < length) std::printf("%02x ", bytes[i]);
+            else std::printf("   ");
+        }
+        std::printf(" |");
+        for (size_t i = row; i < row + 16 && i < length; ++i)
+            std::putchar(bytes[i] >= 0x20 && bytes[i] < 0x7f ? bytes[i] : '.');
+        std::printf("|\n");
+    }
+}
+
+std::string printable(const char* text, size_t max) {
+    std::string out;
+    for (size_t i = 0; i < max && text[i] != 0; ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x20 && c < 0x7f && c != '\\') {
+            out += static_cast<char>(c);
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            out += escaped;
+        }
+    }
+    return out;
+}
+
+std::string format_time(int64_t seconds) {
+    if (seconds == 0) return "never";
+    const time_t when = static_cast<time_t>(seconds);
+    tm local{};
+    char text[64] = "?";
+    if (localtime_r(&when, &local) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+std::string yes_no(bool value) { return value ? "yes" : "no"; }
+
+// ---------------------------------------------------- global option effects
+
+namespace {
+
+__attribute__((format(printf, 3, 4))) int log_hook(int32_t level, int32_t module, const char* format, ...) {
+    char text[2048];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    size_t length = std::strlen(text);
+    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == ' ')) text[--length] = 0;
+    std::fprintf(stderr, "shmtool: library L%d (module %d): %s\n", level, module, text);
+    return 0;
+}
+
+bool write_file(const char* path, const std::string& text) {
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return ok;
+}
+
+}  // namespace
+
+void install_log_hook() {
+    // The first call runs the library's one-time hook lookup; storing the
+    // hook after it keeps the lookup from overwriting it.
+    (void)SHML_get_per_thread_data();
+    SHML_vondprintf = log_hook;
+}
+
+void enter_private_store() {
+    if (unshare(CLONE_NEWIPC) == 0) return;
+    const int direct = errno;
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    if (unshare(CLONE_NEWUSER | CLONE_NEWIPC) != 0) {
+        failure(std::string("a private store needs root or unprivileged user namespaces: unshare: ") +
+                std::strerror(direct) + " / " + std::strerror(errno));
+    }
+    // Keep the same identity inside the new user namespace.
+    (void)write_file("/proc/self/setgroups", "deny");
+    (void)write_file("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1");
+    (void)write_file("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1");
+}
+
+Bytes read_input(const std::string& path) {
+    const bool from_stdin = path == "-";
+    const int fd = from_stdin ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) usage_error("cannot open " + path + ": " + std::strerror(errno));
+    Bytes bytes;
+    uint8_t chunk[65536];
+    for (;;) {
+        const ssize_t n = read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            const int error = errno;
+            if (!from_stdin) close(fd);
+            failure("cannot read " + path + ": " + std::strerror(error));
+        }
+        if (n == 0) break;
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    }
+    if (!from_stdin) close(fd);
+    return bytes;
+}
+
+void write_output(const std::string& path, const uint8_t* bytes, size_t length) {
+    const bool to_stdout = path == "-";
+    std::fflush(stdout);
+    const int fd = to_stdout ? STDOUT_FILENO : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) failure("cannot create " + path + ": " + std::strerror(errno));
+    size_t done = 0;
+    while (done < length) {
+        const ssize_t n = write(fd, bytes + done, length - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            const int error = errno;
+            if (!to_stdout) close(fd);
+            failure("cannot write " + path + ": " + std::strerror(error));
+        }
+        done += static_cast<size_t>(n);
+    }
+    if (!to_stdout && close(fd) != 0) failure("cannot write " + path + ": " + std::strerror(errno));
+}
+
+}  // namespace shmtool

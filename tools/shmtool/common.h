@@ -1,0 +1,98 @@
+// Shared plumbing of shmtool: options, errors, argument parsing, output.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "libshm.h"
+
+namespace shmtool {
+
+using json = nlohmann::ordered_json;
+using Bytes = std::vector<uint8_t>;
+
+struct Options {
+    bool json = false;
+    bool verbose = false;
+    bool private_store = false;
+};
+extern Options g_options;
+
+// Exit statuses.
+constexpr int kOk = 0;
+constexpr int kFailed = 1;  // the library (or the system) reported a failure
+constexpr int kUsage = 2;   // bad command line or bad input; nothing was changed
+
+// Thrown by commands; main prints "shmtool: message" and exits with status.
+struct Error {
+    int status;
+    std::string message;
+};
+[[noreturn]] void usage_error(const std::string& message);
+[[noreturn]] void failure(const std::string& message);
+// A library call that returned `result`: what it means, and exit status 1.
+[[noreturn]] void library_failure(const char* call, long result, const std::string& meaning);
+
+// The action a subcommand selected; main runs it after parsing and after the
+// global options have taken effect.
+using Action = std::function<void()>;
+void set_action(Action action);
+void run_action();
+
+// Command groups, each in its own file.
+void add_info_command(CLI::App& app);
+void add_dump_commands(CLI::App& app);
+void add_view_commands(CLI::App& app);
+void add_fru_dimm_commands(CLI::App& app);
+// The sdc group: `sdc_image.cpp` adds status and save, `sdc.cpp` the rest.
+void add_sdc_image_commands(CLI::App& sdc);
+void add_sdc_commands(CLI::App& sdc);
+void add_demo_command(CLI::App& app);
+// The info and platform commands' output, for the demo.
+void show_info();
+void show_platform();
+
+// ------------------------------------------------------------------ store
+// Attaches through the library (creating the store if no process has yet);
+// failure ends the command with status 1.
+void attach();
+// Locked read / write of a whole range; failure ends the command with status 1.
+Bytes read_section(int section, int32_t offset, int32_t length);
+void write_section(int section, int32_t offset, const Bytes& bytes);
+int32_t section_size(int section);
+int64_t section_offset(int section);  // from the start of the segment
+const char* section_role(int section);
+const char* section_name(int section);  // short name accepted on the command line, or ""
+
+// --------------------------------------------------------------- parsing
+// SECTION: a number 1 to 33 or a short name (platform, sdc, ...).
+int parse_section(const std::string& text);
+// Decimal, or hexadecimal with 0x; within [min, max].
+int64_t parse_number(const std::string& text, const char* what, int64_t min, int64_t max);
+// Pairs of hex digits, like 0a1b2c.
+Bytes parse_hex(const std::string& text);
+
+// ---------------------------------------------------------------- output
+void print_json(const json& document);
+std::string hex_string(const uint8_t* bytes, size_t length);
+// Classic 16 bytes per line dump, addresses starting at `base`.
+void print_hexdump(const uint8_t* bytes, size_t length, uint64_t base);
+std::string printable(const char* text, size_t max);  // up to NUL, non-printables escaped
+std::string format_time(int64_t seconds);  // "YYYY-MM-DD HH:MM:SS" local, or "never" for 0
+std::string yes_no(bool value);
+
+// ---------------------------------------------------- global option effects
+void install_log_hook();          // -v: library messages to stderr with levels
+void enter_private_store();       // --private: fresh IPC namespace, or status 1
+
+// Reading a whole file (or stdin for "-") and writing one (or stdout for "-").
+Bytes read_input(const std::string& path);
+void write_output(const std::string& path, const uint8_t* bytes, size_t length);
+
+}  // namespace shmtool

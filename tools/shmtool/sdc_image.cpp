@@ -1,0 +1,188 @@
+// shmtool sdc status / save: the SDC section read as a whole. Both work from
+// locked reads of section 26 alone.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "sdc.h"
+
+namespace shmtool::sdc {
+
+SdcHeader read_header() {
+    const Bytes bytes = read_section(SHM_SEC_SDC, SDC_HEADER_OFFSET, SDC_HEADER_SIZE);
+    SdcHeader h;
+    std::memcpy(&h, bytes.data(), sizeof h);
+    return h;
+}
+
+bool indexes_valid(const SdcHeader& h) { return h.Head < SDC_RING_SIZE && h.Tail < SDC_RING_SIZE; }
+
+bool signature_valid(const SdcHeader& h) {
+    return std::memcmp(h.Signature, SDC_SIGNATURE, sizeof h.Signature) == 0;
+}
+
+const char* state(const SdcHeader& h) {
+    if (!indexes_valid(h)) return "invalid";
+    if (h.Head == ((h.Tail + 1) & kIndexMask)) return "full";
+    if (h.Head == 0 && h.Tail == 0 && h.Written == 0) return "empty";
+    return "filling";
+}
+
+uint32_t size(const SdcHeader& h) {
+    const std::string s = state(h);
+    if (s == "full") return SDC_RING_SIZE;
+    if (s == "filling") return h.Tail + 1;
+    return 0;
+}
+
+bool registered(const SdcHeader& h, int slot) { return h.SDCAppTable[slot].Name[0] != 0; }
+
+std::string name(const SdcHeader& h, int slot) { return printable(h.SDCAppTable[slot].Name, SDC_APP_NAME_SIZE); }
+
+uint32_t last(const SdcHeader& h, int slot) {
+    const uint32_t value = h.SDCAppTable[slot].iLast;  // packed: read by value
+    return value;
+}
+
+uint32_t behind(const SdcHeader& h, int slot) { return (h.Tail - last(h, slot)) & kIndexMask; }
+
+int find(const SdcHeader& h, const std::string& wanted) {
+    for (int slot = 0; slot < SDC_MAX_APPS; ++slot)
+        if (registered(h, slot) && std::strncmp(wanted.c_str(), h.SDCAppTable[slot].Name, SDC_APP_NAME_SIZE) == 0)
+            return slot;
+    return -1;
+}
+
+void check_name(const std::string& name) {
+    if (name.empty() || name.size() > SDC_APP_NAME_SIZE - 1)
+        usage_error("application name '" + name + "' must be 1 to " + std::to_string(SDC_APP_NAME_SIZE - 1) +
+                    " bytes");
+}
+
+json status_json(const SdcHeader& h) {
+    json apps = json::array();
+    for (int slot = 0; slot < SDC_MAX_APPS; ++slot) {
+        json app = {{"id", slot}, {"registered", registered(h, slot)}};
+        if (registered(h, slot)) {
+            app["name"] = name(h, slot);
+            app["last"] = last(h, slot);
+            app["behind"] = indexes_valid(h) ? json(behind(h, slot)) : json(nullptr);
+        }
+        apps.push_back(app);
+    }
+    return {{"state", state(h)},
+            {"head", h.Head},
+            {"tail", h.Tail},
+            {"written", h.Written},
+            {"size", size(h)},
+            {"ring_size", SDC_RING_SIZE},
+            {"signature", {{"text", printable(h.Signature, sizeof h.Signature)}, {"valid", signature_valid(h)}}},
+            {"applications", apps}};
+}
+
+void print_status(const json& doc) {
+    std::printf("SDC ring (section %d): %s\n", SHM_SEC_SDC, doc["state"].get<std::string>().c_str());
+    std::printf("  %-10s 0x%05x (%u)\n", "Head", doc["head"].get<unsigned>(), doc["head"].get<unsigned>());
+    std::printf("  %-10s 0x%05x (%u)\n", "Tail", doc["tail"].get<unsigned>(), doc["tail"].get<unsigned>());
+    std::printf("  %-10s %u\n", "Written", doc["written"].get<unsigned>());
+    std::printf("  %-10s %u of %u bytes\n", "size", doc["size"].get<unsigned>(), doc["ring_size"].get<unsigned>());
+    std::printf("  %-10s \"%s\" (%s)\n", "signature", doc["signature"]["text"].get<std::string>().c_str(),
+                doc["signature"]["valid"] ? "valid" : "NOT valid: run shmtool sdc init");
+    std::printf("applications\n  %2s  %-24s %-18s %s\n", "id", "name", "last delivered", "behind (bytes)");
+    for (const json& app : doc["applications"]) {
+        if (!app["registered"]) {
+            std::printf("  %2d  -\n", app["id"].get<int>());
+            continue;
+        }
+        const unsigned last_index = app["last"];
+        std::printf("  %2d  %-24s 0x%05x (%6u)   %s\n", app["id"].get<int>(), app["name"].get<std::string>().c_str(),
+                    last_index, last_index,
+                    app["behind"].is_null() ? "?" : std::to_string(app["behind"].get<unsigned>()).c_str());
+    }
+}
+
+namespace {
+
+std::string directory_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The image goes to a temporary file beside the target, reaches the disk,
+// and only then replaces the target: a reader never sees half an image.
+void write_atomically(const std::string& path, const Bytes& image) {
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkstemp(temporary.data());
+    if (fd < 0) failure("cannot create a temporary file beside " + path + ": " + std::strerror(errno));
+    size_t done = 0;
+    bool ok = fchmod(fd, 0644) == 0;
+    while (ok && done < image.size()) {
+        const ssize_t n = write(fd, image.data() + done, image.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        ok = n > 0;
+        if (ok) done += static_cast<size_t>(n);
+    }
+    ok = ok && fsync(fd) == 0;
+    const int error = errno;
+    ok = close(fd) == 0 && ok;
+    if (!ok || rename(temporary.c_str(), path.c_str()) != 0) {
+        const int cause = ok ? errno : error;
+        unlink(temporary.c_str());
+        failure("cannot write " + path + ": " + std::strerror(cause));
+    }
+    const int dir = open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        (void)fsync(dir);  // the rename itself; best effort
+        close(dir);
+    }
+}
+
+void save(const std::string& path, bool force) {
+    if (section_size(SHM_SEC_SDC) != SDC_RECOVERY_FILE_SIZE)
+        failure("section 26 is " + std::to_string(section_size(SHM_SEC_SDC)) + " bytes, not the image's " +
+                std::to_string(SDC_RECOVERY_FILE_SIZE));
+    // One locked read: the image is a consistent snapshot of ring and header.
+    const Bytes image = read_section(SHM_SEC_SDC, 0, SDC_RECOVERY_FILE_SIZE);
+    SdcHeader h;
+    std::memcpy(&h, image.data() + SDC_HEADER_OFFSET, sizeof h);
+    if (!force && !signature_valid(h))
+        failure("section 26 has no valid signature, so init would ignore the image (run sdc init first, or "
+                "--force)");
+    if (!force && !indexes_valid(h))
+        failure("section 26 has Head/Tail out of range; a restored image would break every SDC call (--force "
+                "saves it anyway)");
+    write_atomically(path, image);
+    std::printf("saved section %d (%zu bytes, ring %s, %u bytes held) to %s\n", SHM_SEC_SDC, image.size(), state(h),
+                size(h), path.c_str());
+}
+
+}  // namespace
+}  // namespace shmtool::sdc
+
+namespace shmtool {
+
+void add_sdc_image_commands(CLI::App& sdc_app) {
+    sdc_app.add_subcommand("status", "State, Head/Tail/Written, size, signature, applications and their lag")
+        ->callback([] {
+            set_action([] {
+                const json doc = sdc::status_json(sdc::read_header());
+                if (g_options.json) print_json(doc);
+                else sdc::print_status(doc);
+            });
+        });
+
+    static std::string path;
+    static bool force = false;
+    CLI::App* s = sdc_app.add_subcommand(
+        "save", "Write a recovery image of section 26 atomically (init restores from " SDC_RECOVERY_FILE ")");
+    s->add_option("FILE", path, "Where to write the image, e.g. " SDC_RECOVERY_FILE)->required();
+    s->add_flag("--force", force, "Save even a section without signature or with indexes out of range");
+    s->callback([] { set_action([] { sdc::save(path, force); }); });
+}
+
+}  // namespace shmtool
