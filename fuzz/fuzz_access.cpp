@@ -37,7 +37,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             hi = start + (end < sec_size ? end : sec_size);
         }
         const std::vector<uint8_t> before = snapshot();
-        std::vector<uint8_t> buffer(length > 0 ? size_t(length) : 0);
+        // Only the reads and writes take a caller buffer; a fill's length may be
+        // anything.
+        const bool buffered = op != kFill && op != kBit && length > 0;
+        std::vector<uint8_t> buffer(buffered ? size_t(length) : 0);
         in.bytes(buffer.data(), buffer.size() < 64 ? buffer.size() : 64);
         const uint8_t value = in.u8();
         int32_t result = 0;
