@@ -5,8 +5,8 @@
 # Installs missing Debian packages first.
 #
 #   bash tests/run-all.sh [PRESET...]      (default: default asan m32 armhf, then
-#                                          valgrind, the Debian packages and the
-#                                          fuzz targets)
+#                                          valgrind, a benchmark smoke run, the
+#                                          Debian packages and the fuzz targets)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -114,6 +114,7 @@ check "debian/libshm1.symbols lists exactly src/lib/libshm.exports" symbols_matc
 if [ $# -eq 0 ]; then
     check "valgrind memcheck: access, SDC, FRU and DIMM cases" \
         bash tests/valgrind.sh build/default test_access test_sdc test_fru test_dimm
+    check "benchmarks: every case runs once (bench/run --smoke; timings are not checked)" bash bench/run --smoke
     check "Debian packages build, pass lintian and serve both consumers" bash scripts/build-debs.sh
     check "fuzz: every target ${SHM_FUZZ_SECONDS:-60} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-60}"
 fi

@@ -115,7 +115,7 @@ TEST(SdcModel, RandomOperationsAgreeWithTheModel) {
             ASSERT_EQ(Vond_shm_export_sdc(&n, out.data()), 0);
             const Bytes want = model.content();
             ASSERT_EQ(n, want.size());
-            ASSERT_EQ(std::memcmp(out.data(), want.data(), n), 0);
+            ASSERT_TRUE(n == 0 || std::memcmp(out.data(), want.data(), n) == 0);
         } else if (pick < 62) {
             uint32_t n = 0;
             ASSERT_EQ(Vond_shm_get_size_sdc(&n), 0);
@@ -137,7 +137,7 @@ TEST(SdcModel, RandomOperationsAgreeWithTheModel) {
             if (usable) {
                 const auto [want, count] = model.poll(int(id));
                 ASSERT_EQ(n, count);
-                ASSERT_EQ(std::memcmp(out.data(), want.data(), want.size()), 0);
+                ASSERT_TRUE(want.empty() || std::memcmp(out.data(), want.data(), want.size()) == 0);
                 polls_delivered += !want.empty();
             } else {
                 ASSERT_EQ(n, 0u);

@@ -11,6 +11,7 @@
 
 #include "common/export.h"
 #include "common/log.h"
+#include "common/store.h"
 
 SHM_EXPORT_DATA SHML_vondprintf_fn SHML_vondprintf = nullptr;
 
@@ -19,6 +20,10 @@ namespace {
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
 pthread_key_t g_key;
 int g_key_ready = 0;
+
+// Set once initialise_once has finished with the key created: from then on
+// pthread_once has nothing left to do or to wait for.
+int g_initialised = 0;
 
 void free_record(void* record) {
     if (record != nullptr) std::free(record);
@@ -56,6 +61,7 @@ void initialise_once() {
         if (pthread_key_create(&g_key, free_record) == 0) {
             __atomic_store_n(&g_key_ready, 1, __ATOMIC_RELEASE);
             find_hook();
+            __atomic_store_n(&g_initialised, 1, __ATOMIC_RELEASE);
             return;
         }
         sched_yield();
@@ -79,16 +85,24 @@ SHM_EXPORT SHML_per_thread_data* SHML_get_per_thread_data(void) {
 }
 
 SHM_EXPORT void SHML_increment_recursion(void) {
-    if (SHML_per_thread_data* record = SHML_get_per_thread_data()) ++record->recursion;
+    if (SHML_per_thread_data* record = shm::thread_record()) ++record->recursion;
 }
 
 SHM_EXPORT void SHML_decrement_recursion(void) {
-    if (SHML_per_thread_data* record = SHML_get_per_thread_data()) {
+    if (SHML_per_thread_data* record = shm::thread_record()) {
         if (--record->recursion < 0) record->recursion = 0;
     }
 }
 
 namespace shm {
+
+SHML_per_thread_data* thread_record() {
+    if (__atomic_load_n(&g_initialised, __ATOMIC_ACQUIRE) != 0) {
+        if (void* record = pthread_getspecific(g_key))
+            return static_cast<SHML_per_thread_data*>(record);
+    }
+    return SHML_get_per_thread_data();
+}
 
 void open_level_log(char (&ident)[32], int32_t level) {
     std::memset(ident, 0, sizeof ident);

@@ -10,6 +10,7 @@
 
 #include "common/export.h"
 #include "common/log.h"
+#include "common/store.h"
 
 namespace {
 
@@ -33,14 +34,6 @@ bool operate(int32_t sem_id, sembuf& op) {
         if (semop(sem_id, &op, 1) != -1) return true;
         if (errno != EINTR) return false;
     }
-}
-
-sembuf make_op(int32_t member, short delta) {
-    sembuf op{};
-    op.sem_num = static_cast<unsigned short>(member);  // -1 becomes 65535, as in C
-    op.sem_op = delta;
-    op.sem_flg = shm::kSemUndo;
-    return op;
 }
 
 // member + 1 without a signed overflow for member INT32_MAX.
@@ -85,26 +78,41 @@ SHM_EXPORT int32_t Vond_shm_init_sem(int32_t key, int32_t count) {
     return id;
 }
 
-SHM_EXPORT int32_t Vond_shm_sem_get(int32_t sem_id, int32_t member) {
-    sembuf op = make_op(member, -1);
-    if (operate(sem_id, op)) {
-        SHML_increment_recursion();
+namespace shm {
+
+// After a failed semop: retried while a signal interrupted it, as every take
+// and release is; otherwise the failure is logged under the exported call's
+// name.
+int32_t sem_retry(int32_t sem_id, int32_t member, sembuf op) {
+    const bool take = op.sem_op < 0;
+    if (errno == EINTR && operate(sem_id, op)) {
+        if (take)
+            raise_recursion();
+        else
+            lower_recursion();
         return 0;
     }
     const int error_number = errno;
-    SHM_LOG_ERRNO(1, "SHMLIB: Error getting semaphore\n", error_number);
-    SHM_LOG(1, "SHMLIB: sec_id = %d %d\n", section_of(member), static_cast<int>(op.sem_flg));
+    const ErrorText text = error_text(error_number);
+    if (take) {
+        SHM_LOG_AS("Vond_shm_sem_get", 1, "%s: %d %s\n", "SHMLIB: Error getting semaphore\n",
+                   error_number, text.text);
+        SHM_LOG_AS("Vond_shm_sem_get", 1, "SHMLIB: sec_id = %d %d\n", section_of(member),
+                   static_cast<int>(op.sem_flg));
+    } else {
+        SHM_LOG_AS("Vond_shm_sem_put", 1, "%s: %d %s\n", "SHMLIB: Error putting semaphore\n",
+                   error_number, text.text);
+        SHM_LOG_AS("Vond_shm_sem_put", 1, "SHMLIB: sec_id = %d\n", section_of(member));
+    }
     return -1;
 }
 
+}  // namespace shm
+
+SHM_EXPORT int32_t Vond_shm_sem_get(int32_t sem_id, int32_t member) {
+    return shm::sem_take(sem_id, member);
+}
+
 SHM_EXPORT int32_t Vond_shm_sem_put(int32_t sem_id, int32_t member) {
-    sembuf op = make_op(member, 1);
-    if (operate(sem_id, op)) {
-        SHML_decrement_recursion();
-        return 0;
-    }
-    const int error_number = errno;
-    SHM_LOG_ERRNO(1, "SHMLIB: Error putting semaphore\n", error_number);
-    SHM_LOG(1, "SHMLIB: sec_id = %d\n", section_of(member));
-    return -1;
+    return shm::sem_give(sem_id, member);
 }
