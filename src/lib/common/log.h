@@ -93,9 +93,13 @@ ErrorText error_text(int error_number);
 
 // A system error, as "what: number text" by the error-text rule above. `what`
 // ends in its own line feed, as the library's error messages do.
-#define SHM_LOG_ERRNO(level, what, error_number)                                   \
+#define SHM_LOG_ERRNO(level, what, error_number) SHM_LOG_ERRNO_AS(__func__, level, what, error_number)
+
+// The same under another function's name.
+#define SHM_LOG_ERRNO_AS(function, level, what, error_number)                      \
     do {                                                                           \
         const int shm_error_number_ = (error_number);                              \
         const shm::ErrorText shm_error_text_ = shm::error_text(shm_error_number_); \
-        SHM_LOG(level, "%s: %d %s\n", what, shm_error_number_, shm_error_text_.text); \
+        SHM_LOG_AS(function, level, "%s: %d %s\n", what, shm_error_number_,        \
+                   shm_error_text_.text);                                          \
     } while (false)

@@ -93,15 +93,12 @@ int32_t sem_retry(int32_t sem_id, int32_t member, sembuf op) {
         return 0;
     }
     const int error_number = errno;
-    const ErrorText text = error_text(error_number);
     if (take) {
-        SHM_LOG_AS("Vond_shm_sem_get", 1, "%s: %d %s\n", "SHMLIB: Error getting semaphore\n",
-                   error_number, text.text);
+        SHM_LOG_ERRNO_AS("Vond_shm_sem_get", 1, "SHMLIB: Error getting semaphore\n", error_number);
         SHM_LOG_AS("Vond_shm_sem_get", 1, "SHMLIB: sec_id = %d %d\n", section_of(member),
                    static_cast<int>(op.sem_flg));
     } else {
-        SHM_LOG_AS("Vond_shm_sem_put", 1, "%s: %d %s\n", "SHMLIB: Error putting semaphore\n",
-                   error_number, text.text);
+        SHM_LOG_ERRNO_AS("Vond_shm_sem_put", 1, "SHMLIB: Error putting semaphore\n", error_number);
         SHM_LOG_AS("Vond_shm_sem_put", 1, "SHMLIB: sec_id = %d\n", section_of(member));
     }
     return -1;
