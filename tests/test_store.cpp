@@ -5,6 +5,10 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <csignal>
 
 #include <cstring>
 #include <thread>
@@ -121,6 +125,61 @@ TEST(Store, SectionsBeyondSegmentRefuseAttach) {
     shmid_ds seg{};
     ASSERT_EQ(shmctl(gShmId, IPC_STAT, &seg), 0);
     EXPECT_EQ(seg.shm_nattch, 0u);  // detached again
+}
+
+// A creator killed between creating a set and setting its members leaves
+// members at 0 that nobody holds. Such a set, never operated, is healed by
+// the next attach; a member a live process holds is waited for as always.
+TEST(Store, HalfInitialisedSetsHealAtAttach) {
+    struct Case {
+        const char* what;
+        int32_t key;
+        int count;
+        int first_at_one;  // members first_at_one.. are 1, as a creator counting down left them
+        bool held_by_live_process;
+        bool heals;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"section set, creator died", 77777812, 34, 20, false, true,
+         "was never initialised (its creator died): set every member to 1\n"},
+        {"library set, creator died", 77777777, 1, 1, false, true,
+         "was never initialised (its creator died): set it to 1\n"},
+        {"library set held by a live process", 77777777, 1, 1, true, false, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const test::ChildResult result = test::run_child([&c] {
+            if (unshare(CLONE_NEWIPC) != 0) return 10;
+            const int id = semget(c.key, c.count, IPC_CREAT | IPC_EXCL | 0666);
+            for (int member = c.first_at_one; member < c.count; ++member) semctl(id, member, SETVAL, 1);
+            int holder = -1;
+            if (c.held_by_live_process) {
+                if (semctl(id, 0, SETVAL, 1) != 0) return 11;
+                holder = test::start_child([id] {
+                    sembuf take{0, -1, SEM_UNDO};
+                    semop(id, &take, 1);
+                    pause();
+                    return 0;
+                });
+                while (semctl(id, 0, GETVAL) != 0) usleep(1000);
+            }
+            const test::ChildResult attach = test::run_child([&c] {
+                test::install_hook();
+                return Vond_shm_init_shm() == 0 && test::count(1, "Vond_shm_init_shm", c.message) == 1 ? 0 : 1;
+            }, 3);
+            if (holder > 0) {
+                kill(holder, SIGKILL);
+                test::wait_child(holder);
+            }
+            if (!c.heals) return attach.timed_out ? 0 : 12;  // still waiting for the holder
+            if (attach.timed_out || attach.code != 0) return 13;
+            for (int member = 0; member < c.count; ++member)
+                if (semctl(id, member, GETVAL) != 1) return 14;
+            return 0;
+        }, 20);
+        EXPECT_TRUE(result.exited && result.code == 0) << result.code;
+    }
 }
 
 }  // namespace

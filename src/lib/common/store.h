@@ -36,6 +36,17 @@ SHML_per_thread_data* thread_record();
 // failed semop (a signal to retry after, or an error to log) leaves the line.
 int32_t sem_retry(int32_t sem_id, int32_t member, sembuf op);
 
+// A store whose creator was killed between creating a set and setting its
+// members to 1 heals here.
+// The section set is opened under the library lock, and its creator creates
+// it under the same lock: a set nobody ever operated on with a member at 0
+// therefore has a dead creator, and every member is set to 1 at once. True
+// when it did so.
+bool heal_unstarted_set(int32_t sem_id, int32_t count);
+// The library lock's take at attach. A member that nobody ever operated on
+// and that stays at 0 for a second is given its initial 1, then taken.
+int32_t take_library_lock(int32_t sem_id);
+
 inline sembuf sem_operation(int32_t member, short delta) {
     sembuf op{};
     op.sem_num = static_cast<unsigned short>(member);  // -1 becomes 65535, as in C

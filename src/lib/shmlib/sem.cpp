@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "common/export.h"
 #include "common/log.h"
@@ -102,6 +103,73 @@ int32_t sem_retry(int32_t sem_id, int32_t member, sembuf op) {
         SHM_LOG_AS("Vond_shm_sem_put", 1, "SHMLIB: sec_id = %d\n", section_of(member));
     }
     return -1;
+}
+
+// ----------------------------------------------------- a creator that died
+// A creator killed between its semget and its SETVAL calls leaves members at
+// 0 that nobody holds and the kernel will never give back. sem_otime, the
+// time of the last semop on the set, tells such a set apart: it stays 0 until
+// somebody takes or gives a member, and SETVAL/SETALL do not change it.
+
+namespace {
+
+bool never_operated(int32_t sem_id) {
+    semid_ds status{};
+    SemArgument argument{};
+    argument.buf = &status;
+    return semctl(sem_id, 0, IPC_STAT, argument) == 0 && status.sem_otime == 0;
+}
+
+}  // namespace
+
+bool heal_unstarted_set(int32_t sem_id, int32_t count) {
+    if (count <= 0 || count > kSectionSemCount || !never_operated(sem_id)) return false;
+    unsigned short values[kSectionSemCount] = {};
+    SemArgument argument{};
+    argument.array = values;
+    if (semctl(sem_id, 0, GETALL, argument) != 0) return false;
+    bool stuck = false;
+    for (int32_t member = 0; member < count; ++member) stuck = stuck || values[member] == 0;
+    if (!stuck) return false;  // a complete set, as its creator left it: not touched
+    for (int32_t member = 0; member < count; ++member) values[member] = 1;
+    return semctl(sem_id, 0, SETALL, argument) == 0;
+}
+
+int32_t take_library_lock(int32_t sem_id) {
+    sembuf op = sem_operation(0, -1);
+    // Waits in slices so that a member that was never set up is noticed; a
+    // member some process holds is waited for as long as it takes.
+    constexpr long kSliceNanoseconds = 100L * 1000 * 1000;
+    constexpr int kSlicesBeforeRepair = 10;  // 1 s, far beyond a live creator's few microseconds
+    int unstarted_slices = 0;
+    for (;;) {
+        timespec slice{0, kSliceNanoseconds};
+        if (semtimedop(sem_id, &op, 1, &slice) != -1) {
+            raise_recursion();
+            return 0;
+        }
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return sem_retry(sem_id, 0, op);
+        if (!never_operated(sem_id) || semctl(sem_id, 0, GETVAL) != 0) {
+            unstarted_slices = 0;
+            continue;
+        }
+        if (++unstarted_slices < kSlicesBeforeRepair) continue;
+        // Give the member its initial 1, but only while it is still 0; a
+        // process that got there first leaves nothing to do. The loop then
+        // takes the member as usual.
+        sembuf repair[2] = {};
+        repair[0].sem_num = 0;
+        repair[0].sem_op = 0;
+        repair[0].sem_flg = IPC_NOWAIT;
+        repair[1].sem_num = 0;
+        repair[1].sem_op = 1;
+        repair[1].sem_flg = 0;
+        if (semop(sem_id, repair, 2) == 0)
+            SHM_LOG_AS("Vond_shm_init_shm", 1,
+                       "library semaphore %d was never initialised (its creator died): set it to 1\n", sem_id);
+        unstarted_slices = 0;
+    }
 }
 
 }  // namespace shm

@@ -51,7 +51,7 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
             return -1;
         }
     }
-    if (Vond_shm_sem_get(gShmLibSemId, 0) != 0) {
+    if (shm::take_library_lock(gShmLibSemId) != 0) {
         SHM_LOG(1, "Unable to get the lib semaphore.\n");
         return -1;
     }
@@ -101,10 +101,14 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
         SHM_LOG(1, "SHMLIB: Error creating section semaphore\n");
         return -1;
     }
+    const bool healed = shm::heal_unstarted_set(gShmSecSemId, shm::kSectionSemCount);
 
     // Published last: whoever sees entry 0 may use every section pointer.
     __atomic_store_n(&gShmData[0], base, __ATOMIC_RELEASE);
     release_lib_lock();
+    if (healed)
+        SHM_LOG(1, "section semaphore set %d was never initialised (its creator died): set every member to 1\n",
+                gShmSecSemId);
     return 0;
 }
 
