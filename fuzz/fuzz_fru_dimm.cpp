@@ -2,7 +2,9 @@
 // counts, data block offsets and lengths, inventory records, FQDDs without
 // their zero, wear records) and arbitrary query arguments. Sections 7 and 22
 // never change; section 21 changes only inside the wear table; caller buffers
-// have exactly the sizes the calls document.
+// have the sizes the calls document (a FRU data buffer the largest block).
+#include <algorithm>
+
 #include "fuzz_common.h"
 
 namespace {
@@ -39,9 +41,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FruInfo info;
     const uint32_t info_result = Vond_shm_get_fruinfo(id, &info);
     FUZZ_CHECK(info_result == 0 || info_result == 1 || info_result == 201);
-    std::vector<uint8_t> block(info_result == 0 ? info.dataLength : 0xFFFF);
+    // The buffer every caller must give: the largest block. The copy must
+    // stop at the entry's dataLength, which nothing changes during this call.
+    static std::vector<uint8_t> block(SHM_FRU_DATA_MAX_LENGTH);
+    std::fill(block.begin(), block.end(), 0xA5);
     const uint32_t data_result = Vond_shm_get_frudata(id, block.data());
     FUZZ_CHECK(data_result == 0 || data_result == 1 || data_result == 195 || data_result == 201);
+    const size_t copied = data_result == 0 ? info.dataLength : 0;
+    FUZZ_CHECK(info_result == 0 || data_result != 0);
+    FUZZ_CHECK(std::all_of(block.begin() + static_cast<std::ptrdiff_t>(copied), block.end(),
+                           [](uint8_t b) { return b == 0xA5; }));
 
     auto* list = static_cast<FruDeviceList*>(std::malloc(sizeof(FruDeviceList)));
     const uint32_t type = in.u8() % 4 == 0 ? in.u32() : in.u8() % 27;

@@ -286,9 +286,17 @@ typedef struct __attribute__((packed)) FruDeviceList {
     FruDeviceListEntry entry[SHM_FRU_MAX_CLASS_DEVICES];
 } FruDeviceList;
 
-/* Copies the data block of FRU id into data, which must hold the FRU's
- * dataLength bytes (at most 65535; Vond_shm_get_fruinfo tells the length).
- * 0, 1, 195 or 201 as above. */
+/* The size a Vond_shm_get_frudata buffer must have: the largest block the
+ * 16-bit dataLength field can describe. The directory is read without a lock
+ * and any process may rewrite it, so the length Vond_shm_get_fruinfo reported
+ * can have grown by the time Vond_shm_get_frudata copies: a buffer sized from
+ * that length is not safe, one of this size always is. */
+#define SHM_FRU_DATA_MAX_LENGTH  65535
+
+/* Copies the data block of FRU id into data, which must hold
+ * SHM_FRU_DATA_MAX_LENGTH bytes; the copy is the block's dataLength bytes as
+ * the directory holds them at the call (Vond_shm_get_fruinfo tells that
+ * length, but only as it was when it was asked). 0, 1, 195 or 201 as above. */
 uint32_t Vond_shm_get_frudata(uint32_t id, uint8_t *data);
 /* Copies the directory entry of FRU id, initialised or not. 0, 1 or 201. */
 uint32_t Vond_shm_get_fruinfo(uint32_t id, FruInfo *fruinfo);

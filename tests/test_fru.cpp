@@ -1,6 +1,8 @@
 // FRU directory queries over section 22 and the OCP mezzanine id.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -30,7 +32,8 @@ TEST(Fru, CountLimitAndDuplicateIds) {
     set_entry(58, 1, 0x0777, 0, 25, 3, 3, 2000);
     write(22, 2000, {7, 8, 9, 10});
     set_count(59);
-    uint8_t data[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    std::vector<uint8_t> buffer(SHM_FRU_DATA_MAX_LENGTH, 0xEE);
+    uint8_t* data = buffer.data();
     FruInfo info;
     EXPECT_EQ(Vond_shm_get_frudata(0x1234, data), 195u);
     EXPECT_EQ(test::count(1, "Vond_shm_get_frudata", ":  Vond_shm_get_frudata() FRU not initialized \n"), 1);
@@ -60,7 +63,7 @@ TEST(Fru, DataBlockMustLieInsideTheSection) {
         SCOPED_TRACE(c.offset + c.length);
         set_entry(0, 1, 5, 0, 0, 1, c.length, c.offset);
         gShmSecSize[22] = c.table_size;
-        std::vector<uint8_t> buf(40, 0xEE);
+        std::vector<uint8_t> buf(SHM_FRU_DATA_MAX_LENGTH, 0xEE);
         EXPECT_EQ(Vond_shm_get_frudata(5, buf.data()), c.want);
         EXPECT_EQ(buf[c.length], 0xEE);
         EXPECT_EQ(buf[0], c.want != 0 ? 0xEE : c.table_size == 242557 ? 1 : 0);
@@ -72,6 +75,37 @@ TEST(Fru, DataBlockMustLieInsideTheSection) {
     EXPECT_EQ(Vond_shm_get_fruinfo(5, &info), 1u);
     gShmSecSize[22] = 98;
     EXPECT_EQ(Vond_shm_get_fruinfo(5, &info), 0u);
+}
+
+// Another process flips the block's length between one that fits the section
+// and one that runs past its end. Each copy must follow the length it checked:
+// a success copies 16 bytes, never a clipped 60000.
+TEST(Fru, LengthChangingDuringTheCallIsCheckedAndCopiedOnce) {
+    constexpr uint32_t kOffset = 242557 - 16;
+    set_entry(0, 1, 7, 0, 0, 1, 16, kOffset);
+    set_count(1);
+    const pid_t writer = test::start_child([] {
+        auto* length = static_cast<uint8_t*>(gShmData[22]) + 8 + 7;
+        for (uint32_t i = 0;; ++i) {
+            const uint16_t value = i % 2 ? 60000 : 16;
+            __atomic_store_n(length, static_cast<uint8_t>(value), __ATOMIC_RELAXED);
+            __atomic_store_n(length + 1, static_cast<uint8_t>(value >> 8), __ATOMIC_RELAXED);
+        }
+        return 0;
+    });
+    std::vector<uint8_t> buf(SHM_FRU_DATA_MAX_LENGTH);
+    int copied = 0, refused = 0, overrun = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::fill(buf.begin(), buf.end(), 0xEE);
+        const uint32_t result = Vond_shm_get_frudata(7, buf.data());
+        copied += result == 0;
+        refused += result == 1;
+        if (result == 0) overrun += std::count(buf.begin() + 16, buf.end(), 0xEE) != SHM_FRU_DATA_MAX_LENGTH - 16;
+    }
+    kill(writer, SIGKILL);
+    test::wait_child(writer);
+    EXPECT_EQ(copied + refused, 20000);
+    EXPECT_EQ(overrun, 0);
 }
 
 TEST(Fru, ClassQuery) {
