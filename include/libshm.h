@@ -211,8 +211,8 @@ int32_t Vond_set_EOPTime(int32_t op, uint32_t eop);
  * failed read or clock. */
 int32_t Vond_get_SysUpTime(void);
 /* The EOP time in local time, ctime form without the line end, into a buffer
- * of at least 26 bytes. 0 (buffer untouched while the time is 0); -1 on a
- * failed read or a NULL buffer. */
+ * of at least 26 bytes. 0 (while the time is 0 the buffer is untouched and
+ * may be NULL); -1 on a failed read, or a NULL buffer when the time is set. */
 int32_t Vond_get_BootTime(char *text);
 /* The OS data collection date (section 19) in UTC as
  * "yyyymmddhhmmss.000000+000", or "N/A" when never collected, into a buffer

@@ -90,6 +90,23 @@ TEST(Identity, ProgressBitAlgebra) {
     EXPECT_EQ(test::section_semaphore_values(), std::vector<int>(34, 1));
 }
 
+// The table's section-6 size is the setter's length: 0 copies nothing and
+// succeeds, a negative size is refused; both after the size message.
+TEST(Identity, ProgressSetterTakesTheTablesSize) {
+    test::install_hook();
+    put(0, {0x01, 0x00, 0x00, 0x00});
+    const struct { int32_t size, want; } cases[] = {{0, 0}, {-1, -1}};
+    for (const auto& c : cases) {
+        gShmSecSize[6] = c.size;
+        test::clear_messages();
+        EXPECT_EQ(Vond_set_quorx_progress(3, 1), c.want) << c.size;
+        gShmSecSize[6] = 13;
+        EXPECT_EQ(progress_word(), 1u) << c.size;
+        EXPECT_EQ(test::count(1, "Vond_set_quorx_progress", "data length is beyond section size\n"), 1);
+    }
+    EXPECT_EQ(test::section_semaphore_values(), std::vector<int>(34, 1));
+}
+
 TEST(Identity, ProgressGetterShiftsByTheLowByte) {
     put(0, {0x63, 0x20, 0x40, 0x80});  // 0x80402063
     const struct { int32_t bit; uint32_t want; } cases[] = {
@@ -157,7 +174,8 @@ TEST(Identity, BladeSlotOnlyOnModularPlatforms) {
     uint8_t slot = 0x55;
     EXPECT_EQ(Vond_get_blade_slot_num(&slot), -1);
     EXPECT_EQ(slot, 0x55);
-    EXPECT_EQ(test::count(1, "Vond_get_blade_slot_num", "platform is not modular\n"), 1);
+    EXPECT_EQ(Vond_get_blade_slot_num(nullptr), -1);  // the platform check comes first
+    EXPECT_EQ(test::count(1, "Vond_get_blade_slot_num", "platform is not modular\n"), 2);
     put(4, {2});
     EXPECT_EQ(Vond_get_blade_slot_num(&slot), 0);
     EXPECT_EQ(slot, 7);

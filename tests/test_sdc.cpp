@@ -1,13 +1,18 @@
 // The SDC ring: start-up from the recovery file, the append/export/size
 // arithmetic with its stored-format quirks, consumers, and untrusted headers.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <algorithm>
+#include <functional>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "harness.h"
@@ -109,6 +114,51 @@ TEST(SdcInit, RecoveryFileChecks) {
         EXPECT_EQ(test::count(3, "Vond_shm_init_sdc", "Update it.\n"), restored ? 0 : 1);
         file.resize(SDC_RECOVERY_FILE_SIZE);
         EXPECT_EQ(section() == file, restored);
+    }
+}
+
+// Whatever else sits at the recovery path, or behind a link there, is skipped
+// at once with its own message; the header check then runs as without a file.
+TEST(SdcInit, RecoveryPathThatIsNoRegularFile) {
+    test::install_hook();
+    const Bytes ring = pattern(kRing, 11);
+    ASSERT_EQ(Vond_shm_memwrite(kSec, ring.data(), 0, kRing), 0);
+    const char* path = SDC_RECOVERY_FILE;
+    const char* fifo = "/flash/data0/fifo";
+    const struct {
+        const char* type;
+        std::function<bool()> make;
+    } cases[] = {
+        {"fifo", [&] { return mkfifo(path, 0600) == 0; }},  // without a writer
+        {"directory", [&] { return mkdir(path, 0700) == 0; }},
+        {"character device", [&] {
+             test::touch(path);
+             return mount("/dev/null", path, nullptr, MS_BIND, nullptr) == 0;
+         }},
+        {"fifo", [&] { return mkfifo(fifo, 0600) == 0 && symlink(fifo, path) == 0; }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.type);
+        ASSERT_TRUE(c.make()) << strerror(errno);
+        ASSERT_EQ(Vond_shm_memset(kSec, 0, SDC_HEADER_OFFSET, SDC_HEADER_SIZE), 0);
+        test::clear_messages();
+        const test::ChildResult child = test::run_child([&] {
+            EXPECT_EQ(Vond_shm_init_sdc(), 0);
+            const std::string why = "SDC recovery file is not a regular file (" + std::string(c.type) + ")\n";
+            EXPECT_EQ(test::count(3, "Vond_shm_init_sdc", why), 1);
+            EXPECT_EQ(test::count(3, "Vond_shm_init_sdc", "Signature not valid.  Update it.\n"), 1);
+            EXPECT_EQ(test::count(5, "Vond_shm_init_sdc", "Write Clean SDC Header success.\n"), 1);
+            EXPECT_EQ(test::messages().size(), 3u);
+            fflush(stdout);
+            return ::testing::Test::HasFailure() ? 1 : 0;
+        }, 5);
+        EXPECT_FALSE(child.timed_out);
+        EXPECT_EQ(child.code, 0);
+        EXPECT_EQ(memcmp(header().Signature, "VondSDC", 8), 0);
+        EXPECT_TRUE(std::equal(ring.begin(), ring.end(), section().begin()));
+        umount2(path, MNT_DETACH);
+        remove(path);
+        remove(fifo);
     }
 }
 

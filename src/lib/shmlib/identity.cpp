@@ -7,7 +7,9 @@
 // read-modify-write of the progress word is one atomic step.
 //
 // Beyond the record's contract, a null result pointer is refused (-1 and a
-// level-1 message) instead of being written through.
+// level-1 message) instead of being written through, at the point where it
+// would be written: checks that come before that keep their results and
+// messages.
 #include <sys/stat.h>
 
 #include <csignal>
@@ -54,13 +56,15 @@ SHM_EXPORT uint32_t Vond_get_modular_chassis_type(void) {
 SHM_EXPORT uint32_t Vond_get_post_update(void) { return read_byte(id::kPostUpdate, 0); }
 SHM_EXPORT uint32_t Vond_get_cpu_type(void) { return read_byte(id::kCpuType, 0); }
 
+// The platform check comes first, with its message, whatever `slot` is; a
+// null slot is refused where the byte would be stored.
 SHM_EXPORT int32_t Vond_get_blade_slot_num(uint8_t* slot) {
-    if (slot == nullptr) {
-        SHM_LOG(1, "slot NULL pointer\n");
-        return -1;
-    }
     if (Vond_get_platform_type() != id::kPlatformModular) {
         SHM_LOG(1, "platform is not modular\n");
+        return -1;
+    }
+    if (slot == nullptr) {
+        SHM_LOG(1, "slot NULL pointer\n");
         return -1;
     }
     return Vond_shm_memread(kSection, slot, id::kBladeSlot, 1) == 0 ? 0 : -1;
@@ -82,9 +86,10 @@ SHM_EXPORT int32_t Vond_set_quorx_progress(int32_t bit, int32_t set) {
     if (size < length) {
         SHM_LOG(1, "data length is beyond section size\n");
         if (isXRev() == 1) raise(SIGABRT);
-        // A table that gives the record no bytes at all leaves nothing to
-        // update; refusing keeps a negative size from becoming a huge copy.
-        if (size < 1) return -1;
+        // The table's size is the length: a record of 0 bytes has nothing to
+        // update and the call succeeds having copied nothing. Only a negative
+        // size, which no copy length can be, is refused.
+        if (size < 0) return -1;
         length = size;
     }
     if (!shm::attached()) {
@@ -97,7 +102,7 @@ SHM_EXPORT int32_t Vond_set_quorx_progress(int32_t bit, int32_t set) {
     // directly: Vond_shm_memread would wait for the semaphore held here.
     unsigned char* record = shm::section_base(kSection);
     uint8_t bytes[4] = {};
-    std::memcpy(bytes, record + id::kProgress, static_cast<size_t>(length));
+    if (length > 0) std::memcpy(bytes, record + id::kProgress, static_cast<size_t>(length));
     uint32_t word = shm::load_le<uint32_t>(bytes);
     const uint32_t mask = progress_mask(bit);
     word = set != 0 ? (word | mask) : (word & ~mask);
@@ -106,7 +111,7 @@ SHM_EXPORT int32_t Vond_set_quorx_progress(int32_t bit, int32_t set) {
     else
         word &= ~id::kSummaryBit;
     shm::store_le<uint32_t>(bytes, word);
-    std::memcpy(record + id::kProgress, bytes, static_cast<size_t>(length));
+    if (length > 0) std::memcpy(record + id::kProgress, bytes, static_cast<size_t>(length));
 
     (void)Vond_shm_sem_put(gShmSecSemId, kMember);
     return 0;

@@ -8,7 +8,8 @@
 // every other program on such a build does.
 //
 // Beyond the records' contract, a null result pointer or text buffer is
-// refused (-1 and a level-1 message) before anything is read.
+// refused (-1 and a level-1 message): before anything is read, except in the
+// boot time, which refuses it where the text would be written.
 #include <sys/time.h>
 
 #include <cstdio>
@@ -88,16 +89,19 @@ SHM_EXPORT int32_t Vond_get_SysUpTime(void) {
     return static_cast<int32_t>(static_cast<uint32_t>(now.tv_sec) - eop);
 }
 
+// The buffer is first written by the conversion, so a null one is refused
+// only there: a failed read and an unset EOP time answer as they do for any
+// buffer.
 SHM_EXPORT int32_t Vond_get_BootTime(char* text) {
-    if (text == nullptr) {
-        SHM_LOG(1, "text NULL pointer\n");
-        return -1;
-    }
     uint32_t eop = 0;
     if (!read_eop(__func__, eop)) return -1;
     if (eop == 0) {
         SHM_LOG(3, "EOP time not yet set.\n");
         return 0;
+    }
+    if (text == nullptr) {
+        SHM_LOG(1, "text NULL pointer\n");
+        return -1;
     }
     const time_t when = to_time_t(eop);
     // ctime_r writes at most 26 bytes for any year below 10000, which every
