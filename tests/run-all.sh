@@ -54,18 +54,27 @@ arm_hard_float() {  # an ARM shared object that passes floating point in VFP reg
 }
 
 installed_consumers() {
-    local build=$1 prefix consumers
-    prefix=$(mktemp -d) consumers=$(mktemp -d)
-    cmake --install "$build" --prefix "$prefix" >/dev/null
-    [ -L "$prefix/lib/libshm.so" ] && [ -L "$prefix/lib/libshm.so.1" ] && [ -f "$prefix/lib/libshm.so.1.0.0" ] \
-        && [ -f "$prefix/include/libshm.h" ] || { echo "install tree incomplete"; return 1; }
-    PKG_CONFIG_PATH=$prefix/lib/pkgconfig cmake -S tests/install -B "$consumers" -G Ninja \
-        -DCMAKE_PREFIX_PATH="$prefix" >/dev/null && cmake --build "$consumers" >/dev/null &&
+    local build=$1 work prefix consumers moved pc rc=0
+    work=$(mktemp -d)
+    prefix=$work/prefix consumers=$work/consumers moved=$work/moved
+    cmake --install "$build" --prefix "$prefix" >/dev/null &&
+        { [ -L "$prefix/lib/libshm.so" ] && [ -L "$prefix/lib/libshm.so.1" ] && [ -f "$prefix/lib/libshm.so.1.0.0" ] \
+            && [ -f "$prefix/include/libshm.h" ] || { echo "install tree incomplete"; false; }; } &&
+        pc=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs libshm) &&
+        { [ "$(echo $pc)" = "-I$prefix/include -L$prefix/lib -lshm" ] || { echo "pkg-config: $pc"; false; }; } &&
+        PKG_CONFIG_PATH=$prefix/lib/pkgconfig cmake -S tests/install -B "$consumers" -G Ninja \
+            -DCMAKE_PREFIX_PATH="$prefix" >/dev/null && cmake --build "$consumers" >/dev/null &&
         LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_c" &&
         LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_c" --layout | diff - tests/install/layout.expected &&
-        LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_cpp"
-    local rc=$?
-    rm -rf "$prefix" "$consumers"
+        LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_cpp" &&
+        # The installed tool finds the library by itself, also once the tree has
+        # moved; pkg-config --define-prefix follows the move.
+        env -u LD_LIBRARY_PATH tests/sandbox.sh "$prefix/bin/shmtool" --json info >/dev/null &&
+        mv "$prefix" "$moved" &&
+        env -u LD_LIBRARY_PATH tests/sandbox.sh "$moved/bin/shmtool" sdc status >/dev/null &&
+        pc=$(PKG_CONFIG_PATH=$moved/lib/pkgconfig pkg-config --define-prefix --cflags libshm) &&
+        { [ "$(echo $pc)" = "-I$moved/include" ] || { echo "pkg-config --define-prefix: $pc"; false; }; } || rc=1
+    rm -rf "$work"
     return $rc
 }
 

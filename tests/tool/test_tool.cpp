@@ -7,6 +7,7 @@
 #include <sys/sem.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -282,6 +283,54 @@ TEST(Tool, LibraryFailuresExitOneWithTheResultCode) {
     EXPECT_NE(poll.err.find("'nobody' is not registered"), std::string::npos);
 }
 
+// Output that cannot be written is a failure, whether the text was still
+// buffered at exit or a large write failed on the way (nothing left to flush).
+TEST(Tool, OutputThatCannotBeWrittenExitsOneWithTheReason) {
+    ASSERT_EQ(Vond_shm_init_sdc(), 0);
+    sdc_write("a ring that is not empty\n");
+    const struct {
+        std::vector<std::string> args;
+        const char* message;
+    } cases[] = {
+        {{"info"}, "shmtool: cannot write output: No space left on device\n"},
+        {{"--json", "info"}, "shmtool: cannot write output: No space left on device\n"},
+        {{"sdc", "export"}, "shmtool: cannot write output: No space left on device\n"},
+        {{"--help"}, "shmtool: cannot write output: No space left on device\n"},
+        {{"sdc", "export", "/dev/full"}, "shmtool: cannot write /dev/full: No space left on device\n"},
+    };
+    for (const auto& c : cases) {
+        const tool::Result r = tool::run(c.args, "", 60, "/dev/full");
+        EXPECT_EQ(r.status, 1) << c.args.back() << r.err;
+        EXPECT_EQ(r.err, c.message) << c.args.back();
+    }
+}
+
+// A writer flips FRU 7's length between 16 and 60000 while the tool copies
+// the block: sized from the length it saw first, the tool's buffer would
+// overflow (the sanitized build reports it, the plain one often crashes).
+TEST(Tool, FruDataWhileAWriterChangesTheLength) {
+    put_bytes(22, 6, {1, 0});
+    put_bytes(22, 8, {1, 7, 0, 0, 0, 0, 1, 16, 0, 0x00, 0x10, 0, 0, 0, 0});  // block at 4096
+    const pid_t writer = test::start_child([] {
+        auto* length = static_cast<uint8_t*>(gShmData[22]) + 8 + 7;
+        for (uint32_t i = 0;; ++i) {
+            const uint16_t value = i % 2 ? 60000 : 16;
+            __atomic_store_n(length, static_cast<uint8_t>(value), __ATOMIC_RELAXED);
+            __atomic_store_n(length + 1, static_cast<uint8_t>(value >> 8), __ATOMIC_RELAXED);
+        }
+        return 0;
+    });
+    int failed = 0;
+    for (int run = 0; run < 20; ++run) {
+        const tool::Result r = tool::run({"fru", "7", "--data"});
+        if (r.status != 0) std::fprintf(stderr, "run %d: status %d\n%s", run, r.status, r.err.c_str());
+        failed += r.status != 0;
+    }
+    kill(writer, SIGKILL);
+    test::wait_child(writer);
+    EXPECT_EQ(failed, 0);
+}
+
 TEST(Tool, VerboseShowsTheLibraryMessagesWithLevels) {
     const tool::Result quiet = tool::run({"fru", "5"});
     EXPECT_EQ(quiet.err.find("library L"), std::string::npos);
@@ -323,6 +372,35 @@ TEST(Tool, SdcSaveThenInitRestoresTheSectionByteForByte) {
     ASSERT_EQ(init.status, 0) << init.err;
     EXPECT_NE(init.out.find("restored from " SDC_RECOVERY_FILE), std::string::npos) << init.out;
     EXPECT_EQ(section_bytes(SHM_SEC_SDC), saved);
+}
+
+// A restore that stops part-way leaves the image's first bytes over the
+// section's own; init still succeeds, and the tool must say so. The file
+// shrinks while the tool waits for the section lock this test holds during
+// the restore's first write.
+TEST(Tool, SdcInitReportsARestoreThatStoppedPartWay) {
+    ASSERT_EQ(Vond_shm_init_sdc(), 0);
+    sdc_write(std::string(1000, 'I'));
+    const Bytes image = section_bytes(SHM_SEC_SDC);
+    std::ofstream(SDC_RECOVERY_FILE, std::ios::binary).write((const char*)image.data(), std::streamsize(image.size()));
+    ASSERT_EQ(Vond_shm_clear_sdc(), 0);
+    sdc_write(std::string(300000, 'S'));  // past the half that will still be restored
+
+    ASSERT_EQ(Vond_shm_lock_shm(SHM_SEC_SDC), 0);
+    tool::Running init = tool::start({"sdc", "init"});
+    for (int ms = 0; semctl(gShmSecSemId, SHM_SEC_SDC - 1, GETNCNT) != 1 && ms < 30000; ms += 1) usleep(1000);
+    ASSERT_EQ(semctl(gShmSecSemId, SHM_SEC_SDC - 1, GETNCNT), 1);  // the tool waits in the restore
+    ASSERT_EQ(truncate(SDC_RECOVERY_FILE, SDC_RECOVERY_FILE_SIZE / 2), 0);
+    ASSERT_EQ(Vond_shm_unlock_shm(SHM_SEC_SDC), 0);
+    const std::string out = tool::read_until(init, "held\n");
+    EXPECT_EQ(tool::stop(init, 0), 0);
+    EXPECT_NE(out.find("SDC ready: restoring from " SDC_RECOVERY_FILE
+                       " failed part-way: section 26 may now be partly overwritten by the image, header checked"),
+              std::string::npos)
+        << out;
+    const Bytes mixed = section_bytes(SHM_SEC_SDC);
+    EXPECT_EQ(mixed[0], 'I');       // from the image
+    EXPECT_EQ(mixed[299999], 'S');  // the section's own
 }
 
 TEST(Tool, SdcSaveRefusesAnImageInitWouldIgnore) {

@@ -1,5 +1,6 @@
 #include "tool_runner.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -25,12 +26,13 @@ std::vector<std::string> command(const std::vector<std::string>& args) {
     return words;
 }
 
-pid_t spawn(const std::vector<std::string>& args, int in[2], int out[2], int err[2]) {
+pid_t spawn(const std::vector<std::string>& args, int in[2], int out[2], int err[2],
+            const std::string& out_path = "") {
     const std::vector<std::string> words = command(args);
     const pid_t pid = fork();
     if (pid != 0) return pid;
     dup2(in[0], 0);
-    dup2(out[1], 1);
+    dup2(out_path.empty() ? out[1] : open(out_path.c_str(), O_WRONLY), 1);
     dup2(err[1], 2);
     for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) close(fd);
     std::vector<char*> argv;
@@ -61,10 +63,11 @@ int reap(pid_t pid, double deadline) {
 
 }  // namespace
 
-Result run(const std::vector<std::string>& args, const std::string& input, int timeout_s) {
+Result run(const std::vector<std::string>& args, const std::string& input, int timeout_s,
+           const std::string& out_path) {
     int in[2], out[2], err[2];
     if (pipe(in) || pipe(out) || pipe(err)) std::abort();
-    const pid_t pid = spawn(args, in, out, err);
+    const pid_t pid = spawn(args, in, out, err, out_path);
     close(in[0]);
     close(out[1]);
     close(err[1]);

@@ -14,8 +14,10 @@ struct Result {
     std::string out, err;
 };
 
-// Runs the tool with `args`, feeding `input` on stdin.
-Result run(const std::vector<std::string>& args, const std::string& input = "", int timeout_s = 60);
+// Runs the tool with `args`, feeding `input` on stdin; with `out_path`, its
+// stdout goes to that file instead of `out`.
+Result run(const std::vector<std::string>& args, const std::string& input = "", int timeout_s = 60,
+           const std::string& out_path = "");
 
 // A tool process left running, its stdout readable.
 struct Running {
@@ -26,7 +28,7 @@ struct Running {
 Running start(const std::vector<std::string>& args);
 // Reads stdout until it contains `wanted` or `timeout_s` passes; all read so far.
 std::string read_until(Running& r, const std::string& wanted, int timeout_s = 30);
-// Sends `signal`, then waits; the exit status, or -1 (killed after the time limit).
+// Sends `signal` (0: none), then waits; the exit status, or -1 (killed after the time limit).
 int stop(Running& r, int signal, int timeout_s = 30);
 
 }  // namespace tool

@@ -152,6 +152,54 @@ Bytes parse_hex(const std::string& text) {
 
 // ---------------------------------------------------------------- output
 
+namespace {
+
+// errno of the first write to standard output that failed, 0 while none has.
+// The stream's error flag alone does not say why, and a write that failed
+// inside a large printf leaves nothing pending for the last fflush to retry.
+int g_output_error = 0;
+bool g_output_failure_told = false;  // the failure is reported once
+
+ssize_t write_standard_output(void*, const char* bytes, size_t length) {
+    size_t done = 0;
+    // After a failure the output is incomplete whatever follows: stop there.
+    while (g_output_error == 0 && done < length) {
+        const ssize_t n = write(STDOUT_FILENO, bytes + done, length - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) g_output_error = n < 0 ? errno : EIO;
+        else done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);  // short: the stream latches its error flag
+}
+
+[[noreturn]] void output_failure(int error) {
+    g_output_failure_told = true;
+    throw Error{kFailed, std::string("cannot write output: ") + std::strerror(error != 0 ? error : EIO)};
+}
+
+}  // namespace
+
+void route_output() {
+    cookie_io_functions_t io{};
+    io.write = write_standard_output;
+    FILE* stream = fopencookie(nullptr, "w", io);
+    if (stream == nullptr) return;  // the plain stream: failures are still caught, as EIO
+    if (isatty(STDOUT_FILENO)) std::setvbuf(stream, nullptr, _IOLBF, BUFSIZ);
+    stdout = stream;  // glibc lets a program replace its standard streams
+}
+
+void check_output() {
+    if ((std::fflush(stdout) != 0 || std::ferror(stdout)) && !g_output_failure_told) output_failure(g_output_error);
+}
+
+void finish_output() {
+    check_output();
+    std::fclose(stdout);  // flushed above; this only frees the stream
+    // Some file systems report a failed write only when it is closed. A
+    // standard output that was never open is no error if nothing was written.
+    if (close(STDOUT_FILENO) != 0 && errno != EBADF && !g_output_failure_told) output_failure(errno);
+}
+
 void print_json(const json& document) { std::printf("%s\n", document.dump(2).c_str()); }
 
 std::string hex_string(const uint8_t* bytes, size_t length) {
@@ -210,6 +258,8 @@ std::string yes_no(bool value) { return value ? "yes" : "no"; }
 
 namespace {
 
+const MessageListener* g_listener = nullptr;
+
 __attribute__((format(printf, 3, 4))) int log_hook(int32_t level, int32_t module, const char* format, ...) {
     char text[2048];
     va_list args;
@@ -218,7 +268,8 @@ __attribute__((format(printf, 3, 4))) int log_hook(int32_t level, int32_t module
     va_end(args);
     size_t length = std::strlen(text);
     while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == ' ')) text[--length] = 0;
-    std::fprintf(stderr, "shmtool: library L%d (module %d): %s\n", level, module, text);
+    if (g_listener) (*g_listener)(level, text);
+    if (g_options.verbose) std::fprintf(stderr, "shmtool: library L%d (module %d): %s\n", level, module, text);
     return 0;
 }
 
@@ -237,6 +288,16 @@ void install_log_hook() {
     // hook after it keeps the lookup from overwriting it.
     (void)SHML_get_per_thread_data();
     SHML_vondprintf = log_hook;
+}
+
+void listen_to_library(const MessageListener& listener, const std::function<void()>& body) {
+    (void)SHML_get_per_thread_data();  // the one-time lookup first, or it would replace the hook
+    const SHML_vondprintf_fn previous = SHML_vondprintf;
+    g_listener = &listener;
+    SHML_vondprintf = log_hook;
+    body();
+    SHML_vondprintf = previous;
+    g_listener = nullptr;
 }
 
 void enter_private_store() {
@@ -276,22 +337,24 @@ Bytes read_input(const std::string& path) {
 }
 
 void write_output(const std::string& path, const uint8_t* bytes, size_t length) {
-    const bool to_stdout = path == "-";
-    std::fflush(stdout);
-    const int fd = to_stdout ? STDOUT_FILENO : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (path == "-") {
+        std::fwrite(bytes, 1, length, stdout);
+        return check_output();
+    }
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) failure("cannot create " + path + ": " + std::strerror(errno));
     size_t done = 0;
     while (done < length) {
         const ssize_t n = write(fd, bytes + done, length - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            const int error = errno;
-            if (!to_stdout) close(fd);
+            const int error = n < 0 ? errno : EIO;
+            close(fd);
             failure("cannot write " + path + ": " + std::strerror(error));
         }
         done += static_cast<size_t>(n);
     }
-    if (!to_stdout && close(fd) != 0) failure("cannot write " + path + ": " + std::strerror(errno));
+    if (close(fd) != 0) failure("cannot write " + path + ": " + std::strerror(errno));
 }
 
 }  // namespace shmtool

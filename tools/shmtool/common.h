@@ -79,6 +79,14 @@ int64_t parse_number(const std::string& text, const char* what, int64_t min, int
 Bytes parse_hex(const std::string& text);
 
 // ---------------------------------------------------------------- output
+// Everything a command prints goes to stdout, which route_output() (the first
+// thing main does) points at a stream that remembers why the first write to
+// standard output failed. check_output() flushes it and, if any write failed,
+// now or earlier, ends the command with status 1 and "cannot write output:
+// REASON"; finish_output() does the same and then closes standard output.
+void route_output();
+void check_output();
+void finish_output();
 void print_json(const json& document);
 std::string hex_string(const uint8_t* bytes, size_t length);
 // Classic 16 bytes per line dump, addresses starting at `base`.
@@ -89,9 +97,15 @@ std::string yes_no(bool value);
 
 // ---------------------------------------------------- global option effects
 void install_log_hook();          // -v: library messages to stderr with levels
+// Runs `body` with the library's messages (formatted, with their levels) also
+// handed to `listener`; -v still prints them. The hook in place before is put
+// back afterwards.
+using MessageListener = std::function<void(int level, const std::string& text)>;
+void listen_to_library(const MessageListener& listener, const std::function<void()>& body);
 void enter_private_store();       // --private: fresh IPC namespace, or status 1
 
-// Reading a whole file (or stdin for "-") and writing one (or stdout for "-").
+// Reading a whole file (or stdin for "-") and writing one (or stdout for "-";
+// its errors are reported by check_output, like every other output's).
 Bytes read_input(const std::string& path);
 void write_output(const std::string& path, const uint8_t* bytes, size_t length);
 

@@ -46,6 +46,7 @@ pid_t spawn(Body body) {
     int status = kOk;
     try {
         body();
+        check_output();
     } catch (const Error& e) {
         std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
         status = e.status;

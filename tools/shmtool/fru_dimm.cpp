@@ -1,5 +1,6 @@
 // shmtool fru / dimm: the FRU directory and data blocks (section 22), the OCP
 // mezzanine FRU id (section 24), and the DIMM wear report (sections 7, 21).
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,6 +12,7 @@ namespace {
 
 static_assert(sizeof(FruEntry) == 15, "FruEntry must be the directory's 15-byte entry");
 static_assert(sizeof(DimmWearEntry) == 18, "DimmWearEntry must be the report's 18-byte entry");
+static_assert(SHM_FRU_DATA_MAX_LENGTH >= UINT16_MAX, "a data buffer must hold any length the entry can give");
 constexpr int32_t kDirectoryHeader = 8;
 
 const char* fru_meaning(uint32_t result) {
@@ -77,20 +79,46 @@ FruInfo fru_info(uint32_t id) {
     return info;
 }
 
+// The directory is rewritten in place without a lock, so the entry can change
+// between Vond_shm_get_fruinfo and the copy, and the copy takes the length the
+// entry has at that moment. The buffer is therefore the largest block there
+// can be (SHM_FRU_DATA_MAX_LENGTH), and the length shown is never more than
+// the buffer holds. Which length the copy used is not reported, so the entry is
+// read again after the copy: when it is the same as before, its length is the
+// copy's and the bytes are shown with it. A writer that changes the entry
+// during every one of a few tries gets the bytes both lengths cover (the
+// shorter one, which a single change cannot have cut short), with a warning
+// that they may mix the old block and the new. Status 0 either way: the data
+// is as current as a reader without the lock can have it.
+constexpr int kFruDataTries = 10;
+
 void fru_one(uint32_t id, bool data) {
     attach();
-    const FruInfo info = fru_info(id);
-    const json entry = entry_json(info);
+    FruInfo before = fru_info(id);
     if (!data) {
+        const json entry = entry_json(before);
         if (g_options.json) return print_json(entry);
         print_entry_header();
         print_entry(entry);
         return;
     }
-    const uint16_t length = info.dataLength;
-    Bytes bytes(length + 1u);  // never empty, even for an empty block
-    if (const uint32_t r = Vond_shm_get_frudata(id, bytes.data()); r != SHM_FRU_OK)
-        library_failure("Vond_shm_get_frudata", r, fru_meaning(r));
+    Bytes bytes(SHM_FRU_DATA_MAX_LENGTH);
+    FruInfo after{};
+    for (int tries = 0; tries < kFruDataTries; ++tries) {
+        if (tries > 0) before = after;
+        if (const uint32_t r = Vond_shm_get_frudata(id, bytes.data()); r != SHM_FRU_OK)
+            library_failure("Vond_shm_get_frudata", r, fru_meaning(r));
+        after = fru_info(id);
+        if (std::memcmp(&after, &before, sizeof after) == 0) break;
+    }
+    const uint16_t length_before = before.dataLength, length_after = after.dataLength;
+    const uint16_t length = std::min(length_before, length_after);
+    if (std::memcmp(&after, &before, sizeof after) != 0)
+        std::fprintf(stderr,
+                     "shmtool: warning: FRU %u's directory entry changed during each of %d copies (data length "
+                     "%u, then %u): showing %u bytes, which may mix the old block and the new\n",
+                     id, kFruDataTries, length_before, length_after, length);
+    const json entry = entry_json(after);
     if (g_options.json) return print_json({{"fru_id", id}, {"length", length}, {"hex", hex_string(bytes.data(), length)}});
     std::printf("FRU %u: %u bytes of data at section offset %u\n", id, length, entry["data_offset"].get<unsigned>());
     print_hexdump(bytes.data(), length, 0);

@@ -3,12 +3,38 @@
 // files; this one holds the command line and the exit statuses.
 #include <cstdio>
 #include <exception>
+#include <sstream>
 
 #include "common.h"
 
 using namespace shmtool;
 
+namespace {
+
+int report(int status, const char* message) {
+    std::fflush(stdout);  // what the command printed comes first
+    std::fprintf(stderr, "shmtool: %s\n", message);
+    return status;
+}
+
+// Every command's output is checked here, once: a write that failed at any
+// point (a full disk, /dev/full, a closed pipe's EPIPE with SIGPIPE ignored)
+// turns success into status 1 with the reason. A command that failed already
+// keeps its status; the output's failure is reported after its message.
+int finish(int status) {
+    try {
+        finish_output();
+    } catch (const Error& e) {
+        std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
+        if (status == kOk) status = e.status;
+    }
+    return status;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    route_output();
     CLI::App app{"Look into the shared-memory state store and change it by hand.", "shmtool"};
     app.footer(
         "Exit status: 0 success, 1 the library (or the system) reported a failure, 2 usage error or bad "
@@ -30,23 +56,26 @@ int main(int argc, char** argv) {
     add_sdc_commands(*sdc);
     add_demo_command(app);
 
+    int status = kOk;
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? kOk : kUsage;
+        // Help and usage text go through the same checked streams as a command's output.
+        std::ostringstream out, err;
+        status = app.exit(e, out, err) == 0 ? kOk : kUsage;
+        std::fputs(out.str().c_str(), stdout);
+        std::fflush(stdout);
+        std::fputs(err.str().c_str(), stderr);
+        return finish(status);
     }
     try {
         if (g_options.private_store) enter_private_store();
         if (g_options.verbose) install_log_hook();
         run_action();
     } catch (const Error& e) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
-        return e.status;
+        status = report(e.status, e.message.c_str());
     } catch (const std::exception& e) {
-        std::fflush(stdout);
-        std::fprintf(stderr, "shmtool: %s\n", e.what());
-        return kFailed;
+        status = report(kFailed, e.what());
     }
-    return std::fflush(stdout) == 0 ? kOk : kFailed;
+    return finish(status);
 }

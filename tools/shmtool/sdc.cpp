@@ -4,10 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
 #include "sdc.h"
@@ -105,18 +103,29 @@ namespace {
 
 void init() {
     attach();
-    const int32_t result = Vond_shm_init_sdc();
-    if (result != 0) library_failure("Vond_shm_init_sdc", result, "section 26 header unreadable or not repairable");
-    // Tell the operator where the section's content came from.
-    const Bytes section = read_section(SHM_SEC_SDC, 0, SDC_RECOVERY_FILE_SIZE);
-    FILE* file = std::fopen(SDC_RECOVERY_FILE, "rb");
-    Bytes image(SDC_RECOVERY_FILE_SIZE + 1);
-    const size_t got = file ? std::fread(image.data(), 1, image.size(), file) : 0;
-    if (file) std::fclose(file);
-    const bool restored = got == SDC_RECOVERY_FILE_SIZE && std::equal(section.begin(), section.end(), image.begin());
+    // Only the library's messages tell what became of the recovery file: a
+    // copy that started, and whether it stopped part-way (a short read or a
+    // failed write), after which the library checks the header and returns 0
+    // over a section that may hold the image's first chunks and older bytes
+    // after them.
+    bool copy_started = false, copy_failed = false;
+    int32_t result = 0;
+    listen_to_library(
+        [&](int, const std::string& text) {
+            copy_started = copy_started || text.find("Read file and copy to shm") != std::string::npos;
+            copy_failed = copy_failed || text.find("Restore SDC Shm failed") != std::string::npos;
+        },
+        [&] { result = Vond_shm_init_sdc(); });
+    const std::string partly =
+        "restoring from " SDC_RECOVERY_FILE " failed part-way: section 26 may now be partly overwritten by the image";
+    if (result != 0)
+        library_failure("Vond_shm_init_sdc", result,
+                        "section 26 header unreadable or not repairable" + (copy_failed ? " (" + partly + ")" : ""));
     const SdcHeader h = read_header();
     std::printf("SDC ready: %s; ring %s, %u bytes held\n",
-                restored ? "restored from " SDC_RECOVERY_FILE : "header checked (no recovery image restored)",
+                copy_failed   ? (partly + ", header checked").c_str()
+                : copy_started ? "restored from " SDC_RECOVERY_FILE
+                               : "header checked (no recovery image restored)",
                 state(h), size(h));
 }
 
@@ -159,8 +168,8 @@ void follow_command(const std::string& name, double interval) {
     const int id = register_app(name);
     std::fprintf(stderr, "shmtool: following the SDC ring as '%s' (id %d); interrupt to stop\n", name.c_str(), id);
     follow_loop(id, interval, [](const uint8_t* bytes, size_t n) {
-        if (std::fwrite(bytes, 1, n, stdout) != n || std::fflush(stdout) != 0)
-            failure(std::string("cannot write to stdout: ") + std::strerror(errno));
+        std::fwrite(bytes, 1, n, stdout);
+        check_output();  // a reader that went away ends the follow
     });
 }
 
