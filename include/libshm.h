@@ -9,7 +9,8 @@
  * Results are signed 32-bit status codes, 0 for success. Nothing allocates
  * memory for the caller; the caller always supplies the buffers.
  *
- * Usable from C (C99 or later) and C++.
+ * Usable from C (C99 or later) and C++. The manual: libshm(7), and a page
+ * per family (libshm_access(3), libshm_sdc(3), ...); man NAME for any call.
  */
 #ifndef LIBSHM_H
 #define LIBSHM_H
@@ -53,7 +54,7 @@ typedef int (*SHML_vondprintf_fn)(int32_t level, int32_t module, const char *for
 /* The hook in use. The library looks up a function named "vondprintf" at its
  * first logging or locking operation and stores the result here, replacing
  * whatever was stored before; a value stored after that first operation is
- * kept. See README.md for what this means for programs linked directly. */
+ * kept. See libshm_log(3) for what this means for programs linked directly. */
 extern SHML_vondprintf_fn SHML_vondprintf;
 
 /* The calling thread's logging state. While recursion is above 0 (the thread
@@ -401,7 +402,7 @@ int32_t Vond_shm_get_size_sdc(uint32_t *size);
 int32_t Vond_shm_periodic_register_sdc(const char *name, int32_t *id);
 /* Copies the bytes written since the application's previous poll into buffer
  * (at least SDC_POLL_BUFFER_SIZE bytes) and stores a count in *length; see
- * README.md for what the count means after the ring wrapped. 0 or -1. */
+ * libshm_sdc(3) for what the count means after the ring wrapped. 0 or -1. */
 int32_t Vond_shm_periodic_get_sdc(uint32_t *length, void *buffer, uint32_t id);
 
 #ifdef __cplusplus

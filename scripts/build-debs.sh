@@ -1,5 +1,5 @@
 #!/bin/bash
-# Builds the Debian packages (libshm1, libshm-dev, shmtool) from a copy of the
+# Builds the Debian packages (libshm1, libshm-dev, shmtool, python3-libshm) from a copy of the
 # working tree, checks them with lintian (errors fail), installs them, builds
 # the C and C++ consumers against the installed packages, runs both and the
 # tool's help on a private store, and removes the packages again.
@@ -25,9 +25,11 @@ lintian_log=$(lintian --tag-display-limit 0 "$out"/*.changes 2>&1 || true)
 grep -E '^[EW]:' <<<"$lintian_log" || true
 ! grep -q '^E:' <<<"$lintian_log" || { echo "lintian reports errors"; exit 1; }
 
-installed=(libshm1 libshm-dev shmtool)
+installed=(libshm1 libshm-dev shmtool python3-libshm)
 cd "$out"
-dpkg -i "${installed[@]/%/_1.0.0_$(dpkg --print-architecture).deb}" >/dev/null
+arch=$(dpkg --print-architecture)
+dpkg -i libshm1_1.0.0_"$arch".deb libshm-dev_1.0.0_"$arch".deb shmtool_1.0.0_"$arch".deb \
+    python3-libshm_1.0.0_all.deb >/dev/null
 cleanup() { dpkg -r "${installed[@]}" >/dev/null 2>&1 || true; rm -rf "$work"; }
 trap cleanup EXIT
 cd "$root"
@@ -39,4 +41,9 @@ tests/sandbox.sh "$consumers/consumer_c" --layout | diff - tests/install/layout.
 tests/sandbox.sh "$consumers/consumer_cpp"
 tests/sandbox.sh /usr/bin/shmtool --help >/dev/null
 man -w shmtool >/dev/null 2>&1 || [ -e /usr/share/man/man1/shmtool.1.gz ]
+# The binding from its package, against the packaged library.
+tests/sandbox.sh /usr/bin/python3 -c 'import libshm; print("system id", libshm.system_id())'
+tests/sandbox.sh /usr/bin/python3 -m libshm info >/dev/null
+[ -e /usr/share/doc/libshm-dev/examples/sdc_pair.c ]
+man -w 7 libshm >/dev/null && man -w Vond_shm_write_sdc >/dev/null
 echo "packages: built, lintian clean of errors, installed and used by both consumers"

@@ -14,7 +14,7 @@ packages=(cmake ninja-build g++ gcc pkg-config googletest libgtest-dev util-linu
           libcli11-dev nlohmann-json3-dev scdoc
           clang-14 libclang-rt-14-dev valgrind abigail-tools
           debhelper dpkg-dev fakeroot lintian
-          strace libbenchmark-dev python3)
+          strace libbenchmark-dev python3 python3-pytest dh-python man-db)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")

@@ -54,7 +54,7 @@ arm_hard_float() {  # an ARM shared object that passes floating point in VFP reg
 }
 
 installed_consumers() {
-    local build=$1 work prefix consumers moved pc rc=0
+    local build=$1 work prefix consumers moved pc site rc=0
     work=$(mktemp -d)
     prefix=$work/prefix consumers=$work/consumers moved=$work/moved
     cmake --install "$build" --prefix "$prefix" >/dev/null &&
@@ -67,6 +67,12 @@ installed_consumers() {
         LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_c" &&
         LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_c" --layout | diff - tests/install/layout.expected &&
         LD_LIBRARY_PATH=$prefix/lib tests/sandbox.sh "$consumers/consumer_cpp" &&
+        # The manual and the Python binding, as installed.
+        MANPATH=$prefix/share/man man -w 7 libshm >/dev/null &&
+        MANPATH=$prefix/share/man man -w Vond_shm_write_sdc >/dev/null &&
+        site=$(dirname "$(find "$prefix" -path '*/libshm/__init__.py' | head -1)") && [ "$site" != . ] &&
+        PYTHONPATH=$(dirname "$site") LIBSHM_PATH=$prefix/lib/libshm.so.1 \
+            tests/sandbox.sh /usr/bin/python3 -c 'import libshm; print("python: system id", libshm.system_id())' &&
         # The installed tool finds the library by itself, also once the tree has
         # moved; pkg-config --define-prefix follows the move.
         env -u LD_LIBRARY_PATH tests/sandbox.sh "$prefix/bin/shmtool" --json info >/dev/null &&

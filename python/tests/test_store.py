@@ -1,0 +1,80 @@
+"""The binding against a fresh store per test (support.fresh_store)."""
+import ctypes
+import os
+import struct
+import unittest
+
+from support import _ffi, fresh_store, libshm
+
+
+def lock_value(section):  # semctl(GETVAL)
+    return ctypes.CDLL(None).semctl(libshm.attachment().section_semaphores, section - 1, 12)
+
+
+class Store(unittest.TestCase):
+    @fresh_store
+    def test_errors_carry_function_and_code(self):
+        for call, function, code in [
+                (lambda: libshm.read(6, -1, 1), "Vond_shm_memread", -1),
+                (lambda: libshm.read_unlocked(34, 0, 1), "Vond_shm_memread_unlocked", -1),
+                (lambda: libshm.write(6, -1, b"x"), "Vond_shm_memwrite", -3),
+                (lambda: libshm.write(34, 0, b"x"), "Vond_shm_memwrite", -2),
+                (lambda: libshm.set_bit(6, 6, 1), "Vond_shm_mem_set_bit_on_uint", -3),
+                (lambda: libshm.lock(0).__enter__(), "Vond_shm_lock_shm", -1),
+                (lambda: libshm.capability(9), "Get_SHM_feature_capabilities", -1),
+                (lambda: libshm.vr_sensor_enabled(20, 0), "Get_VR_Sensor_Enablement", 3),
+                (lambda: libshm.fru_info(7), "Vond_shm_get_fruinfo", 1),
+                (lambda: libshm.fru_class(3, 4), "Vond_shm_get_fruDeviceinfo", 201),
+                (lambda: (libshm.write(26, 524288, b"\xff" * 4), libshm.sdc_size()), "Vond_shm_get_size_sdc", -1)]:
+            with self.assertRaises(libshm.Error, msg=function) as caught:
+                call()
+            e = caught.exception
+            self.assertEqual((e.function, e.code, str(e)), (function, code, f"{function} returned {code}: {e.meaning}"))
+
+    @fresh_store
+    def test_bytes_and_platform_table(self):
+        libshm.write(1, 5, b"\x00ab\x00\x00c\x00")
+        libshm.set_bit(1, 16, 1 << 63)  # needs the 64-bit mask argument
+        self.assertEqual(libshm.read(1, 5, 19), b"\x00ab\x00\x00c\x00" + b"\x00" * 11 + b"\x80")
+        libshm.write(6, 4, bytes([2, 39, 7, 0, 5, 8, 0, 1]))
+        self.assertEqual([libshm.platform_type(), libshm.system_id(), libshm.blade_slot(), libshm.generation(),
+                          libshm.modular_chassis_type(), libshm.cpu_type(), libshm.is_qillan(), libshm.is_16g(),
+                          libshm.is_amd(), libshm.is_ngm(), libshm.is_qv()], [2, 39, 7, 5, 8, 1] + [True] * 4 + [False])
+
+    @fresh_store
+    def test_lock_released_on_exception(self):
+        with self.assertRaises(KeyError):
+            with libshm.lock(6):
+                self.assertEqual((lock_value(6), libshm.read(6, 4, 1, locked=False)), (0, b"\x00"))
+                self.assertRaises(RuntimeError, libshm.read, 6, 0, 1)  # would wait for ever
+                raise KeyError
+        self.assertEqual((lock_value(6), libshm.read(6, 4, 1)), (1, b"\x00"))
+
+    @fresh_store
+    def test_consumer_across_the_wrap(self):
+        libshm.sdc_write(b"\x01")  # then Tail marks the last byte written (see Consumer)
+        consumer, written, received = libshm.Consumer("py"), b"", []
+        for piece in [os.urandom(300000), os.urandom(300000)]:  # the second poll spans the ring's end
+            libshm.sdc_write(piece)
+            written, received = written + piece, received + list(consumer)
+        self.assertEqual([len(chunk) for chunk in received], [300000, 300000])
+        self.assertEqual(b"".join(received), written)
+        self.assertEqual(libshm.sdc_export(), (b"\x01" + written)[-libshm.SDC_RING_SIZE:])
+        libshm.sdc_write(b"xyz")
+        self.assertEqual(list(consumer.follow(0.01, timeout=0.05)), [b"xyz"])
+
+    @fresh_store
+    def test_fru_block_length(self):
+        libshm.write(22, 6, struct.pack("<HBHBBBBHI2s", 1, 1, 17, 0, 0x42, 3, 1, 5, 1000, b""))
+        libshm.write(22, 1000, b"\x00FRU\x00\xff")
+        self.assertEqual((libshm.fru_data(17), libshm.fru_class(3, 1)), (b"\x00FRU\x00", [(17, 0x42, 1)]))
+
+    @fresh_store
+    def test_log_hook(self):
+        messages = []
+        libshm.set_log_hook(messages.append)
+        self.assertRaises(libshm.Error, libshm.write, 34, 0, b"x")
+        libshm.set_log_hook(None)
+        self.assertRaises(libshm.Error, libshm.write, 34, 0, b"x")
+        function = "Vond_shm_memwrite" if _ffi.HOOK_READS_PREFIX else None
+        self.assertEqual([m[:3] + m[5:] for m in messages], [(1, 37, "bad sec id=%d\n", function)])
