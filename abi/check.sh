@@ -5,14 +5,21 @@
 # function or variable, a changed type or layout) fails, with abidiff's
 # report. An intentional change regenerates the baselines in the same commit:
 #   bash abi/check.sh update
+# One library of any build directory against the baseline of its width
+# (x86_64 or i386), as the CTest test interface.abi runs it:
+#   bash abi/check.sh check LIBRARY WIDTH
 set -uo pipefail
-cd "$(dirname "$0")/.."
 mode=${1:-check}
+if [ $# -ge 3 ]; then
+    targets=("$(realpath "$2"):$3")
+else
+    targets=(build/default/libshm.so.1:x86_64 build/m32/libshm.so.1:i386)
+fi
+cd "$(dirname "$0")/.."
 status=0
-for pair in default:x86_64 m32:i386; do
-    build=build/${pair%%:*} baseline=abi/libshm-${pair##*:}.abi
-    library=$build/libshm.so.1
-    [ -f "$library" ] || { echo "abi: $library missing (build the ${pair%%:*} preset first)"; status=1; continue; }
+for target in "${targets[@]}"; do
+    library=${target%:*} baseline=abi/libshm-${target##*:}.abi
+    [ -f "$library" ] || { echo "abi: $library missing (build its preset first)"; status=1; continue; }
     # Only what the public header declares counts; the library's own types
     # stay out of the description.
     if [ "$mode" = update ]; then

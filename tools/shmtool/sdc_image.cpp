@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "sdc.h"
+#include "shmlib_serialrecord/ring_state.h"
 
 namespace shmtool::sdc {
 
@@ -19,7 +20,7 @@ SdcHeader read_header() {
     return h;
 }
 
-bool indexes_valid(const SdcHeader& h) { return h.Head < SDC_RING_SIZE && h.Tail < SDC_RING_SIZE; }
+bool indexes_valid(const SdcHeader& h) { return shm::sdc::indexes_valid(h.Head, h.Tail); }
 
 bool signature_valid(const SdcHeader& h) {
     return std::memcmp(h.Signature, SDC_SIGNATURE, sizeof h.Signature) == 0;
@@ -27,16 +28,16 @@ bool signature_valid(const SdcHeader& h) {
 
 const char* state(const SdcHeader& h) {
     if (!indexes_valid(h)) return "invalid";
-    if (h.Head == ((h.Tail + 1) & kIndexMask)) return "full";
-    if (h.Head == 0 && h.Tail == 0 && h.Written == 0) return "empty";
+    switch (shm::sdc::ring_state(h.Head, h.Tail, h.Written)) {
+        case shm::sdc::RingState::kFull: return "full";
+        case shm::sdc::RingState::kEmpty: return "empty";
+        case shm::sdc::RingState::kFilling: break;
+    }
     return "filling";
 }
 
 uint32_t size(const SdcHeader& h) {
-    const std::string s = state(h);
-    if (s == "full") return SDC_RING_SIZE;
-    if (s == "filling") return h.Tail + 1;
-    return 0;
+    return indexes_valid(h) ? shm::sdc::content_size(h.Head, h.Tail, h.Written) : 0;
 }
 
 bool registered(const SdcHeader& h, int slot) { return h.SDCAppTable[slot].Name[0] != 0; }
@@ -48,7 +49,7 @@ uint32_t last(const SdcHeader& h, int slot) {
     return value;
 }
 
-uint32_t behind(const SdcHeader& h, int slot) { return (h.Tail - last(h, slot)) & kIndexMask; }
+uint32_t behind(const SdcHeader& h, int slot) { return shm::sdc::ring_distance(last(h, slot), h.Tail); }
 
 int find(const SdcHeader& h, const std::string& wanted) {
     for (int slot = 0; slot < SDC_MAX_APPS; ++slot)

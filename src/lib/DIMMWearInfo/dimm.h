@@ -1,5 +1,5 @@
-// Internal view of the DIMM inventory (section 7) shared by the inventory
-// queries and the wear records. The inventory is written by another process:
+// The DIMM records' layout and the internal view of the DIMM inventory
+// (section 7), shared by the inventory queries and the wear records. The inventory is written by another process:
 // every field is read from a private copy of the table, and the FQDD, which
 // need not end in a zero within its 16 bytes, only through bounded copies.
 #pragma once
@@ -8,9 +8,42 @@
 #include <cstring>
 
 #include "common/le.h"
-#include "common/platform.h"
 
 namespace shm::dimm {
+
+// Section 7, the DIMM inventory, and section 21, the DIMM wear table. Shared
+// with every program that writes these sections: they must not change.
+inline constexpr int32_t kInventoryOffset = 7357;
+inline constexpr int32_t kInventoryRecords = 128;
+inline constexpr int32_t kInventoryRecordSize = 46;
+inline constexpr int32_t kInventorySize = kInventoryRecords * kInventoryRecordSize;  // 5888
+
+// Fields of one inventory record.
+inline constexpr int32_t kSlotIndex = 1;
+inline constexpr int32_t kPresence = 2;  // 4 bytes
+inline constexpr int32_t kCpuNumber = 14;
+inline constexpr int32_t kChannelNumber = 18;
+inline constexpr int32_t kDimmType = 19;
+inline constexpr int32_t kFqdd = 30;
+inline constexpr int32_t kFqddSize = 16;  // with its terminating zero
+
+inline constexpr uint32_t kFirstApachePassType = 5;
+inline constexpr uint32_t kLastApachePassType = 10;
+
+// The wear table: record cpu * 48 + channel * 6 + dimm.
+inline constexpr int32_t kWearOffset = 555;
+inline constexpr int32_t kWearRecordSize = 40;
+inline constexpr int32_t kWearPercent = 28;  // 4-byte float
+inline constexpr int32_t kWearSlotIndex = 36;
+inline constexpr uint32_t kLastCpu = 3;
+inline constexpr uint32_t kLastChannel = 7;
+inline constexpr uint32_t kLastDimm = 5;
+inline constexpr uint32_t kDimmsPerChannel = kLastDimm + 1;
+inline constexpr uint32_t kDimmsPerCpu = (kLastChannel + 1) * kDimmsPerChannel;
+
+// The exchanged lists: a count byte, then fixed-size entries.
+inline constexpr int32_t kPositionEntrySize = 5;
+inline constexpr int32_t kWearEntrySize = 18;
 
 // The whole table, copied under the section lock in one read.
 struct Inventory {

@@ -12,7 +12,6 @@
 #include "common/constants.h"
 #include "common/export.h"
 #include "common/log.h"
-#include "common/platform.h"
 
 namespace dimm = shm::dimm;
 

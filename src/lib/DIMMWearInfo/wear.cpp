@@ -26,7 +26,6 @@
 #include "common/export.h"
 #include "common/le.h"
 #include "common/log.h"
-#include "common/platform.h"
 
 namespace {
 

@@ -55,7 +55,8 @@ inline constexpr int kKeyCreateAttempts = 16;
 inline constexpr int kSyslogOptions = 11;    // LOG_PID | LOG_CONS | LOG_NDELAY
 inline constexpr int kSyslogFacility = 144;  // LOG_LOCAL2
 
-constexpr int64_t section_offset(int32_t section) {
+// Where a section starts in the segment, by the table as built.
+constexpr int64_t segment_offset(int32_t section) {
     int64_t offset = 0;
     for (int32_t i = 0; i < section; ++i) offset += kSectionSizes[i];
     return offset;
@@ -64,11 +65,11 @@ constexpr int64_t section_offset(int32_t section) {
 }  // namespace shm
 
 // The layout other programs are built against.
-static_assert(shm::section_offset(1) == 0);
-static_assert(shm::section_offset(3) == 25531);
-static_assert(shm::section_offset(6) == 63147);
-static_assert(shm::section_offset(21) == 256622);
-static_assert(shm::section_offset(26) == 540267);
-static_assert(shm::section_offset(33) == 1772329);
-static_assert(shm::section_offset(34) == 1772334);
-static_assert(shm::section_offset(34) <= shm::kSegmentSize);
+static_assert(shm::segment_offset(1) == 0);
+static_assert(shm::segment_offset(3) == 25531);
+static_assert(shm::segment_offset(6) == 63147);
+static_assert(shm::segment_offset(21) == 256622);
+static_assert(shm::segment_offset(26) == 540267);
+static_assert(shm::segment_offset(33) == 1772329);
+static_assert(shm::segment_offset(34) == 1772334);
+static_assert(shm::segment_offset(34) <= shm::kSegmentSize);

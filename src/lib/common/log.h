@@ -31,6 +31,23 @@ inline const char* source_name(const char*& cache, const char* path) {
     return name;
 }
 
+// The calling thread's logging record, as SHML_get_per_thread_data gives it,
+// looked up directly once the one-time initialisation has finished: the lock
+// paths move the recursion counter without the exported call and its
+// pthread_once. nullptr when the thread has no record.
+SHML_per_thread_data* thread_record();
+
+// The recursion counter: raised while the thread holds a store lock or runs
+// the hook, never lowered below 0. A missing record is left alone.
+inline void raise_recursion(SHML_per_thread_data* record) {
+    if (record != nullptr) ++record->recursion;
+}
+inline void lower_recursion(SHML_per_thread_data* record) {
+    if (record != nullptr && --record->recursion < 0) record->recursion = 0;
+}
+inline void raise_recursion() { raise_recursion(thread_record()); }
+inline void lower_recursion() { lower_recursion(thread_record()); }
+
 // Opens the system log under the ident of one level ("L1,S37"). The ident
 // buffer must outlive the message, since openlog keeps the pointer.
 void open_level_log(char (&ident)[32], int32_t level);
@@ -57,9 +74,9 @@ void log_message(int32_t level, const char* format, const char* file, int line,
         }
         return;
     }
-    ++record->recursion;
+    raise_recursion(record);
     hook(level, kModule, format, file, line, function, args...);
-    if (--record->recursion < 0) record->recursion = 0;
+    lower_recursion(record);
 }
 #pragma GCC diagnostic pop
 

@@ -1,7 +1,8 @@
 // Where the platform state accessors find their fields: byte offsets inside
 // the sections, the codes the library interprets and the fixed limits. Like
 // the section table, these are shared with every program that writes the
-// sections and must not change.
+// sections and must not change. The FRU, DIMM and SDC layouts live beside
+// their code (shmlib/fru.cpp, DIMMWearInfo/dimm.h, shmlib_serialrecord/sdc.h).
 #pragma once
 
 #include <cstddef>
@@ -72,71 +73,5 @@ inline constexpr int32_t kSystemPowerStatus = 451;
 inline constexpr uint32_t kPowerStatusReadFailed = 255;
 inline constexpr int32_t kBladeFormFactor = 385;
 }  // namespace power
-
-// Section 22, the FRU data section, and section 24, the OCP mezzanine section.
-namespace fru {
-inline constexpr int64_t kSectionSize = 242557;  // data blocks must end inside it
-inline constexpr int32_t kDeviceCount = 6;  // 2 bytes in the header
-inline constexpr int32_t kHeaderSize = 8;
-inline constexpr int32_t kEntrySize = 15;
-inline constexpr uint32_t kMaxDevices = 59;
-inline constexpr int64_t kDirectorySpan = kHeaderSize + int64_t{kEntrySize} * kMaxDevices;  // 893
-
-// Fields of one directory entry.
-inline constexpr int32_t kStatus = 0;
-inline constexpr int32_t kFruId = 1;  // 2 bytes
-inline constexpr int32_t kAttribute = 4;
-inline constexpr int32_t kDeviceType = 5;
-inline constexpr int32_t kLocator = 6;
-inline constexpr int32_t kDataLength = 7;  // 2 bytes
-inline constexpr int32_t kDataOffset = 9;  // 4 bytes
-inline constexpr uint8_t kInitialised = 1;
-
-inline constexpr uint32_t kLastDeviceType = 25;
-inline constexpr uint32_t kLastLocator = 3;  // locators are 1 to 3
-inline constexpr uint32_t kMaxClassDevices = 64;
-
-// The caller's device list: count byte, a gap byte, then 4-byte entries.
-inline constexpr int32_t kListEntries = 2;
-inline constexpr int32_t kListEntrySize = 4;
-
-inline constexpr int32_t kOcpFruId = 1;  // byte of section 24
-inline constexpr uint32_t kOcpNone = 255;
-}  // namespace fru
-
-// Section 7, the DIMM inventory, and section 21, the DIMM wear table.
-namespace dimm {
-inline constexpr int32_t kInventoryOffset = 7357;
-inline constexpr int32_t kInventoryRecords = 128;
-inline constexpr int32_t kInventoryRecordSize = 46;
-inline constexpr int32_t kInventorySize = kInventoryRecords * kInventoryRecordSize;  // 5888
-
-// Fields of one inventory record.
-inline constexpr int32_t kSlotIndex = 1;
-inline constexpr int32_t kPresence = 2;  // 4 bytes
-inline constexpr int32_t kCpuNumber = 14;
-inline constexpr int32_t kChannelNumber = 18;
-inline constexpr int32_t kDimmType = 19;
-inline constexpr int32_t kFqdd = 30;
-inline constexpr int32_t kFqddSize = 16;  // with its terminating zero
-
-inline constexpr uint32_t kFirstApachePassType = 5;
-inline constexpr uint32_t kLastApachePassType = 10;
-
-// The wear table: record cpu * 48 + channel * 6 + dimm.
-inline constexpr int32_t kWearOffset = 555;
-inline constexpr int32_t kWearRecordSize = 40;
-inline constexpr int32_t kWearPercent = 28;  // 4-byte float
-inline constexpr int32_t kWearSlotIndex = 36;
-inline constexpr uint32_t kLastCpu = 3;
-inline constexpr uint32_t kLastChannel = 7;
-inline constexpr uint32_t kLastDimm = 5;
-inline constexpr uint32_t kDimmsPerChannel = kLastDimm + 1;
-inline constexpr uint32_t kDimmsPerCpu = (kLastChannel + 1) * kDimmsPerChannel;
-
-// The exchanged lists: a count byte, then fixed-size entries.
-inline constexpr int32_t kPositionEntrySize = 5;
-inline constexpr int32_t kWearEntrySize = 18;
-}  // namespace dimm
 
 }  // namespace shm

@@ -1,5 +1,7 @@
 // Section access: locked and unlocked reads, writes, fills and the bit call,
-// with their range checks and clipping. The write family checks the range
+// with their range checks and clipping. One check (common/range.h) places a
+// request in its section; each family maps that answer to its own results and
+// messages. The write family checks the range
 // before it attaches and locks, so its range messages reach the log hook; the
 // read checks under the lock, so its messages go to the system log.
 //
@@ -22,36 +24,46 @@
 #include "common/le.h"
 #include "common/log.h"
 #include "common/range.h"
-#include "common/store.h"
+#include "shmlib/store.h"
 
 namespace {
+
+using shm::Range;
 
 void abort_if_development_build() {
     if (isXRev() == 1) raise(SIGABRT);
 }
 
-// Range check of the write family, shared by Vond_shm_memwrite and
-// Vond_shm_memset and logged under their names. Returns 0 with length
-// possibly clipped, or -3.
+// The write family's answer to a range, shared by Vond_shm_memwrite and
+// Vond_shm_memset and logged under their names: 0 with length possibly
+// clipped, -2 for a bad section or -3 for an offset outside the section.
 int32_t check_write_range(const char* function, int32_t sec_id, int32_t offset, int32_t& length) {
-    const int32_t size = gShmSecSize[sec_id];
-    if (offset < 0) {
-        SHM_LOG_AS(function, 1, "The caller requested a negative offset. sec_id=%d offset=%d\n",
-                   sec_id, offset);
-        abort_if_development_build();
-        return -3;
+    const shm::RangeCheck check = shm::check_range(sec_id, offset, length);
+    switch (check.range) {
+        case Range::kInside:
+            return 0;
+        case Range::kBadSection:
+            SHM_LOG_AS(function, 1, "bad sec id=%d\n", sec_id);
+            return -2;
+        case Range::kNegativeOffset:
+            SHM_LOG_AS(function, 1, "The caller requested a negative offset. sec_id=%d offset=%d\n",
+                       sec_id, offset);
+            abort_if_development_build();
+            return -3;
+        case Range::kClipped:
+        case Range::kPastEnd:
+            break;
     }
-    if (!shm::runs_past(offset, length, size)) return 0;
     SHM_LOG_AS(function, 1, "The caller requested a length beyond the end of thesection.\n");
     SHM_LOG_AS(function, 1, "sec_id=%d offset=%d length=%d gShmSecSize[]=%d section id %d\n",
-               sec_id, offset, length, size, sec_id);
-    if (size <= offset) {
+               sec_id, offset, length, check.size, sec_id);
+    if (check.range == Range::kPastEnd) {
         SHM_LOG_AS(function, 1, "The caller requested an offset beyond the end of the section.\n");
         abort_if_development_build();
         return -3;
     }
     abort_if_development_build();
-    length = size - offset;
+    length = check.size - offset;
     return 0;
 }
 
@@ -61,32 +73,27 @@ template <typename Change>
 int32_t write_section(const char* function, int32_t sec_id, int32_t offset, int32_t length,
                       Change change) {
     if (length < 1) return 0;
-    if (sec_id < 0 || sec_id > shm::kLastSection) {
-        SHM_LOG_AS(function, 1, "bad sec id=%d\n", sec_id);
-        return -2;
-    }
-    if (check_write_range(function, sec_id, offset, length) != 0) return -3;
+    if (const int32_t refused = check_write_range(function, sec_id, offset, length); refused != 0)
+        return refused;
     if (!shm::attached() && Vond_shm_init_shm() != 0) {
         SHM_LOG_AS(function, 1, "bad share memory init \n");
         return -4;
     }
-    if (shm::sem_take(gShmSecSemId, sec_id - 1) != 0) {
+    const shm::SectionLock lock(sec_id);
+    if (!lock.held()) {
         SHM_LOG_AS(function, 1, "bad shared memory section semiphore get\n");
         return -1;
     }
     change(shm::section_base(sec_id) + offset, static_cast<size_t>(length));
-    (void)shm::sem_give(gShmSecSemId, sec_id - 1);
     return 0;
 }
 
-// The read of a valid, attached, in-range request (length at least 1): the
-// copy covers all of dest, so the zero fill that a refused or clipped read
-// leaves behind would be overwritten anyway. False, with nothing done, for
-// every other request, which then takes the checked path.
-inline bool copy_in_range(int32_t sec_id, void* dest, int32_t offset, int32_t length) {
-    if (sec_id < 0 || sec_id > shm::kLastSection || offset < 0 || !shm::attached() ||
-        shm::runs_past(offset, length, gShmSecSize[sec_id]))
-        return false;
+// The read of a valid, attached, in-range request (length at least 1, range
+// its answer): the copy covers all of dest, so the zero fill that a refused or
+// clipped read leaves behind would be overwritten anyway. False, with nothing
+// done, for every other request, which then takes the checked path.
+inline bool copy_in_range(Range range, int32_t sec_id, void* dest, int32_t offset, int32_t length) {
+    if (range != Range::kInside || !shm::attached()) return false;
     std::memcpy(dest, shm::section_base(sec_id) + offset, static_cast<size_t>(length));
     return true;
 }
@@ -109,32 +116,40 @@ SHM_EXPORT int32_t isXRev(void) { return access(shm::kXRevMarker, F_OK) == 0 ? 1
 SHM_EXPORT int32_t Vond_shm_memread_unlocked(int32_t sec_id, void* dest, int32_t offset,
                                              int32_t length) {
     if (length < 1) return 0;
-    if (copy_in_range(sec_id, dest, offset, length)) return 0;
+    shm::RangeCheck check = shm::check_range(sec_id, offset, length);
+    if (copy_in_range(check.range, sec_id, dest, offset, length)) return 0;
     std::memset(dest, 0, static_cast<size_t>(length));
-    if (sec_id < 0 || sec_id > shm::kLastSection) {
+    if (check.range == Range::kBadSection) {
         SHM_LOG(1, "Invalid sec_id=%d.\n", sec_id);
         return -1;
     }
     if (!shm::attached()) {
         const int32_t result = Vond_shm_init_shm();
         if (result != 0) return result;
+        check = shm::check_range(sec_id, offset, length);  // the table as attaching left it
     }
-    const int32_t size = gShmSecSize[sec_id];
-    if (offset < 0) {
-        SHM_LOG(1, "The caller requested a negative offset. sec_id=%d offset=%d\n", sec_id, offset);
-        abort_if_development_build();
-        return -1;
-    }
-    if (shm::runs_past(offset, length, size)) {
-        SHM_LOG(1, "The caller requested a length beyond the end of the section.\n");
-        SHM_LOG(1, "sec_id=%d offset=%d length=%d gShmSecSize[]=%d\n", sec_id, offset, length, size);
-        if (offset >= size) {
-            SHM_LOG(1, "The caller requested an offset beyond the end of the section.\n");
+    switch (check.range) {
+        case Range::kInside:
+        case Range::kBadSection:  // answered above
+            break;
+        case Range::kNegativeOffset:
+            SHM_LOG(1, "The caller requested a negative offset. sec_id=%d offset=%d\n", sec_id,
+                    offset);
             abort_if_development_build();
             return -1;
-        }
-        abort_if_development_build();
-        length = size - offset;  // the rest of dest stays zero
+        case Range::kClipped:
+        case Range::kPastEnd:
+            SHM_LOG(1, "The caller requested a length beyond the end of the section.\n");
+            SHM_LOG(1, "sec_id=%d offset=%d length=%d gShmSecSize[]=%d\n", sec_id, offset, length,
+                    check.size);
+            if (check.range == Range::kPastEnd) {
+                SHM_LOG(1, "The caller requested an offset beyond the end of the section.\n");
+                abort_if_development_build();
+                return -1;
+            }
+            abort_if_development_build();
+            length = check.size - offset;  // the rest of dest stays zero
+            break;
     }
     std::memcpy(dest, shm::section_base(sec_id) + offset, static_cast<size_t>(length));
     return 0;
@@ -149,15 +164,15 @@ SHM_EXPORT int32_t Vond_shm_memread(int32_t sec_id, void* dest, int32_t offset, 
         SHM_LOG(1, "Invalid sec_id=%d.\n", sec_id);
         return -1;
     }
-    if (shm::sem_take(gShmSecSemId, sec_id - 1) != 0) {
+    const shm::SectionLock lock(sec_id);
+    if (!lock.held()) {
         SHM_LOG(1, "Unable to get the section semaphore.\n");
         return -1;
     }
-    const int32_t result = (length >= 1 && copy_in_range(sec_id, dest, offset, length))
-                               ? 0
-                               : Vond_shm_memread_unlocked(sec_id, dest, offset, length);
-    (void)shm::sem_give(gShmSecSemId, sec_id - 1);
-    return result;
+    if (length >= 1 &&
+        copy_in_range(shm::check_range(sec_id, offset, length).range, sec_id, dest, offset, length))
+        return 0;
+    return Vond_shm_memread_unlocked(sec_id, dest, offset, length);
 }
 
 SHM_EXPORT int32_t Vond_shm_memwrite(int32_t sec_id, const void* src, int32_t offset,
@@ -173,21 +188,25 @@ SHM_EXPORT int32_t Vond_shm_memset(int32_t sec_id, int32_t value, int32_t offset
     });
 }
 
+// Its range refusals are silent on purpose, and a word that would not fit
+// whole is not clipped.
 SHM_EXPORT int32_t Vond_shm_mem_set_bit_on_uint(int32_t sec_id, int32_t offset, int32_t on,
                                                 uint64_t mask) {
-    if (static_cast<uint32_t>(sec_id) > static_cast<uint32_t>(shm::kLastSection)) {
+    const Range range = shm::check_range(sec_id, offset, sizeof(uint64_t)).range;
+    if (range == Range::kBadSection) {
         SHM_LOG(1, "bad sec id=%d\n", sec_id);
         return -2;
     }
-    if (offset < 0 || shm::runs_past(offset, 8, gShmSecSize[sec_id])) {
+    if (range != Range::kInside) {
         abort_if_development_build();
-        return -3;  // silent on purpose
+        return -3;
     }
     if (!shm::attached() && Vond_shm_init_shm() != 0) {
         SHM_LOG(1, "bad share memory init \n");
         return -4;
     }
-    if (shm::sem_take(gShmSecSemId, sec_id - 1) != 0) {
+    const shm::SectionLock lock(sec_id);
+    if (!lock.held()) {
         SHM_LOG(1, "bad shared memory section semiphore get\n");
         return -1;
     }
@@ -197,7 +216,6 @@ SHM_EXPORT int32_t Vond_shm_mem_set_bit_on_uint(int32_t sec_id, int32_t offset, 
     value = (on == 1) ? (value | mask) : (value & ~mask);
     shm::store_le<uint32_t>(word, static_cast<uint32_t>(value));
     shm::store_le<uint32_t>(word + 4, static_cast<uint32_t>(value >> 32));
-    (void)shm::sem_give(gShmSecSemId, sec_id - 1);
     return 0;
 }
 

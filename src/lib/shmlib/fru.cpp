@@ -26,11 +26,41 @@
 #include "common/export.h"
 #include "common/le.h"
 #include "common/log.h"
-#include "common/platform.h"
 
 namespace {
 
-namespace fru = shm::fru;
+// The layout of section 22, the FRU data section, and the byte of section 24,
+// the OCP mezzanine section, that the queries read. Shared with every program
+// that writes these sections: they must not change.
+namespace fru {
+constexpr int64_t kSectionSize = 242557;  // data blocks must end inside it
+constexpr int32_t kDeviceCount = 6;  // 2 bytes in the header
+constexpr int32_t kHeaderSize = 8;
+constexpr int32_t kEntrySize = 15;
+constexpr uint32_t kMaxDevices = 59;
+constexpr int64_t kDirectorySpan = kHeaderSize + int64_t{kEntrySize} * kMaxDevices;  // 893
+
+// Fields of one directory entry.
+constexpr int32_t kStatus = 0;
+constexpr int32_t kFruId = 1;  // 2 bytes
+constexpr int32_t kAttribute = 4;
+constexpr int32_t kDeviceType = 5;
+constexpr int32_t kLocator = 6;
+constexpr int32_t kDataLength = 7;  // 2 bytes
+constexpr int32_t kDataOffset = 9;  // 4 bytes
+constexpr uint8_t kInitialised = 1;
+
+constexpr uint32_t kLastDeviceType = 25;
+constexpr uint32_t kLastLocator = 3;  // locators are 1 to 3
+constexpr uint32_t kMaxClassDevices = 64;
+
+// The caller's device list: count byte, a gap byte, then 4-byte entries.
+constexpr int32_t kListEntries = 2;
+constexpr int32_t kListEntrySize = 4;
+
+constexpr int32_t kOcpFruId = 1;  // byte of section 24
+constexpr uint32_t kOcpNone = 255;
+}  // namespace fru
 
 static_assert(sizeof(FruEntry) == fru::kEntrySize);
 static_assert(offsetof(FruEntry, status) == fru::kStatus);

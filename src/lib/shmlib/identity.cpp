@@ -20,14 +20,13 @@
 #include "common/le.h"
 #include "common/log.h"
 #include "common/platform.h"
-#include "common/store.h"
+#include "shmlib/store.h"
 
 namespace {
 
 namespace id = shm::identity;
 
 constexpr int32_t kSection = SHM_SEC_PLATFORM_ID;
-constexpr int32_t kMember = kSection - 1;  // the section's member in the semaphore set
 
 // One byte of the record, or `failed` when the read fails (the read has
 // logged its own failure).
@@ -96,10 +95,12 @@ SHM_EXPORT int32_t Vond_set_quorx_progress(int32_t bit, int32_t set) {
         const int32_t result = Vond_shm_init_shm();
         if (result != 0) return result;
     }
-    if (Vond_shm_sem_get(gShmSecSemId, kMember) != 0) return -1;
+    const shm::SectionLock lock(kSection);
+    if (!lock.held()) return -1;
 
-    // From here until the release nothing is logged, and the record is copied
-    // directly: Vond_shm_memread would wait for the semaphore held here.
+    // From here until the lock goes at the end of the call nothing is logged,
+    // and the record is copied directly: Vond_shm_memread would wait for the
+    // semaphore held here.
     unsigned char* record = shm::section_base(kSection);
     uint8_t bytes[4] = {};
     if (length > 0) std::memcpy(bytes, record + id::kProgress, static_cast<size_t>(length));
@@ -112,8 +113,6 @@ SHM_EXPORT int32_t Vond_set_quorx_progress(int32_t bit, int32_t set) {
         word &= ~id::kSummaryBit;
     shm::store_le<uint32_t>(bytes, word);
     if (length > 0) std::memcpy(record + id::kProgress, bytes, static_cast<size_t>(length));
-
-    (void)Vond_shm_sem_put(gShmSecSemId, kMember);
     return 0;
 }
 

@@ -3,7 +3,7 @@
 #include "common/constants.h"
 #include "common/export.h"
 #include "common/log.h"
-#include "common/store.h"
+#include "shmlib/store.h"
 
 namespace {
 

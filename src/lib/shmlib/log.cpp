@@ -11,7 +11,6 @@
 
 #include "common/export.h"
 #include "common/log.h"
-#include "common/store.h"
 
 SHM_EXPORT_DATA SHML_vondprintf_fn SHML_vondprintf = nullptr;
 
@@ -84,15 +83,9 @@ SHM_EXPORT SHML_per_thread_data* SHML_get_per_thread_data(void) {
     return record;
 }
 
-SHM_EXPORT void SHML_increment_recursion(void) {
-    if (SHML_per_thread_data* record = shm::thread_record()) ++record->recursion;
-}
+SHM_EXPORT void SHML_increment_recursion(void) { shm::raise_recursion(); }
 
-SHM_EXPORT void SHML_decrement_recursion(void) {
-    if (SHML_per_thread_data* record = shm::thread_record()) {
-        if (--record->recursion < 0) record->recursion = 0;
-    }
-}
+SHM_EXPORT void SHML_decrement_recursion(void) { shm::lower_recursion(); }
 
 namespace shm {
 

@@ -1,7 +1,7 @@
 // The semaphore sets: creation or opening, and taking and releasing one
-// member. Taking raises the thread's recursion counter, releasing lowers it,
-// so that whatever a thread logs while it holds a store lock stays out of the
-// host's hook.
+// member (see sem.h).
+#include "shmlib/sem.h"
+
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -11,7 +11,6 @@
 
 #include "common/export.h"
 #include "common/log.h"
-#include "common/store.h"
 
 namespace {
 
@@ -81,9 +80,6 @@ SHM_EXPORT int32_t Vond_shm_init_sem(int32_t key, int32_t count) {
 
 namespace shm {
 
-// After a failed semop: retried while a signal interrupted it, as every take
-// and release is; otherwise the failure is logged under the exported call's
-// name.
 int32_t sem_retry(int32_t sem_id, int32_t member, sembuf op) {
     const bool take = op.sem_op < 0;
     if (errno == EINTR && operate(sem_id, op)) {

@@ -1,6 +1,8 @@
 // Creating and attaching the segment, the section base pointers and the
 // section semaphore set. Attachment happens lazily, on a process's first store
 // operation; nothing ever detaches on success or removes an IPC object.
+#include "shmlib/store.h"
+
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -10,7 +12,7 @@
 #include "common/constants.h"
 #include "common/export.h"
 #include "common/log.h"
-#include "common/store.h"
+#include "shmlib/sem.h"
 
 SHM_EXPORT_DATA int32_t gShmId = -1;
 SHM_EXPORT_DATA int32_t gShmLibSemId = -1;
@@ -19,7 +21,33 @@ SHM_EXPORT_DATA void* gShmData[SHM_SECTION_COUNT] = {};
 
 namespace {
 
-void release_lib_lock() { (void)Vond_shm_sem_put(gShmLibSemId, 0); }
+// The library lock (member 0 of gShmLibSemId), held from a successful take in
+// the constructor until release() or the end of the scope. A path that fails
+// while holding it calls release() before it logs, so that its message
+// reaches the hook and not the system log.
+class LibraryLock {
+public:
+    enum class Take {
+        kAttach,  // with the repair of a member its creator never set up
+        kPlain,
+    };
+    explicit LibraryLock(Take take)
+        : held_((take == Take::kAttach ? shm::take_library_lock(gShmLibSemId)
+                                       : shm::sem_take(gShmLibSemId, 0)) == 0) {}
+    ~LibraryLock() { release(); }
+    LibraryLock(const LibraryLock&) = delete;
+    LibraryLock& operator=(const LibraryLock&) = delete;
+
+    bool held() const { return held_; }
+    void release() {
+        if (!held_) return;
+        held_ = false;
+        (void)shm::sem_give(gShmLibSemId, 0);
+    }
+
+private:
+    bool held_;
+};
 
 // Offsets of every section from the table as it stands now, and whether the
 // sections fit the segment. Besides the end of the last section, every section
@@ -51,14 +79,15 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
             return -1;
         }
     }
-    if (shm::take_library_lock(gShmLibSemId) != 0) {
+    LibraryLock lock(LibraryLock::Take::kAttach);
+    if (!lock.held()) {
         SHM_LOG(1, "Unable to get the lib semaphore.\n");
         return -1;
     }
     // From here on every failure releases the library lock before it logs,
     // so its message reaches the hook and not the system log.
     if (shm::attached()) {
-        release_lib_lock();
+        lock.release();
         SHM_LOG(9, "race condition avoided\n");
         return 0;
     }
@@ -69,7 +98,7 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
         umask(saved);
     }
     if (gShmId < 0) {
-        release_lib_lock();
+        lock.release();
         SHM_LOG(1, "SHMLIB: Error creating shared memory\n");
         return -1;
     }
@@ -77,7 +106,7 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
     void* base = shmat(gShmId, nullptr, 0);
     if (base == reinterpret_cast<void*>(-1)) {
         const int error_number = errno;
-        release_lib_lock();
+        lock.release();
         SHM_LOG_ERRNO(1, "SHMLIB: Error attaching shared memory\n", error_number);
         return -1;
     }
@@ -89,7 +118,7 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
         gShmData[section] = reinterpret_cast<void*>(base_address + static_cast<uintptr_t>(offsets[section]));
     if (!fits) {
         shmdt(base);
-        release_lib_lock();
+        lock.release();
         SHM_LOG(1, "The size of the sections is greater than SHM_SIZE\n");
         return -1;
     }
@@ -97,7 +126,7 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
     gShmSecSemId = Vond_shm_init_sem(shm::kSectionSemKey, shm::kSectionSemCount);
     if (gShmSecSemId < 0) {
         shmdt(base);
-        release_lib_lock();
+        lock.release();
         SHM_LOG(1, "SHMLIB: Error creating section semaphore\n");
         return -1;
     }
@@ -105,7 +134,7 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
 
     // Published last: whoever sees entry 0 may use every section pointer.
     __atomic_store_n(&gShmData[0], base, __ATOMIC_RELEASE);
-    release_lib_lock();
+    lock.release();
     if (healed)
         SHM_LOG(1, "section semaphore set %d was never initialised (its creator died): set every member to 1\n",
                 gShmSecSemId);
@@ -122,11 +151,11 @@ SHM_EXPORT int32_t Vond_shm_get_shm(int32_t sec_id, void** base) {
         SHM_LOG(1, "Invalid sec_id=%d.\n", sec_id);
         return -1;
     }
-    if (Vond_shm_sem_get(gShmLibSemId, 0) != 0) {
+    const LibraryLock lock(LibraryLock::Take::kPlain);
+    if (!lock.held()) {
         SHM_LOG(1, "Unable to get the lib semaphore.\n");
         return -1;
     }
     *base = gShmData[sec_id];
-    release_lib_lock();
     return 0;
 }

@@ -59,7 +59,7 @@ SHM_EXPORT int32_t Vond_shm_periodic_register_sdc(const char* name, int32_t* id)
         // without a terminating zero; byte 20 keeps its stored value.
         std::strncpy(reinterpret_cast<char*>(entry), name, kAppNameStored);
         shm::store_le<uint32_t>(entry + kAppLast, header.head);
-        const int32_t offset = section_offset(app_offset(i));
+        const int32_t offset = field_offset(app_offset(i));
         SHM_LOG(5, "SDCAppTable[%d] shm offset = 0x%x\n", i, offset);
         if (Vond_shm_memwrite(kSection, entry, offset, kAppEntrySize) != 0) {
             SHM_LOG(2, "Write SDC header section failed.\n");
@@ -117,7 +117,7 @@ SHM_EXPORT int32_t Vond_shm_periodic_get_sdc(uint32_t* length, void* buffer, uin
     }
     *length = count;
 
-    const int32_t offset = section_offset(app_offset(id) + kAppLast);
+    const int32_t offset = field_offset(app_offset(id) + kAppLast);
     SHM_LOG(5, "Write Tail=0x%x to id %d LastOffset=0x%x  \n", tail, id, offset);
     uint8_t bytes[4];
     shm::store_le<uint32_t>(bytes, tail);

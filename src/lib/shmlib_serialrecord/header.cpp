@@ -12,7 +12,7 @@ int32_t GetSdcHeader(uint8_t (&bytes)[kHeaderSize], uint32_t& head, uint32_t& ta
     if (Vond_shm_memread(kSection, bytes, kHeaderOffset, kHeaderSize) != 0) return -1;
     const uint32_t stored_head = load_le<uint32_t>(bytes + kHead);
     const uint32_t stored_tail = load_le<uint32_t>(bytes + kTail);
-    if (stored_head >= kRingSize || stored_tail >= kRingSize) {
+    if (!indexes_valid(stored_head, stored_tail)) {
         SHM_LOG(2, "Head/Tail indexes out of range H=0x%x T=x%x\n", stored_head, stored_tail);
         return -1;
     }

@@ -19,7 +19,7 @@ bool write_ring(const void* src, uint32_t index, uint32_t length) {
 bool write_header_word(int32_t header_offset, uint32_t value) {
     uint8_t bytes[4];
     shm::store_le<uint32_t>(bytes, value);
-    return Vond_shm_memwrite(kSection, bytes, section_offset(header_offset), sizeof bytes) == 0;
+    return Vond_shm_memwrite(kSection, bytes, field_offset(header_offset), sizeof bytes) == 0;
 }
 
 }  // namespace
@@ -59,7 +59,7 @@ SHM_EXPORT int32_t Vond_shm_write_sdc(const uint32_t* length, const void* data) 
         uint8_t indexes[8];
         shm::store_le<uint32_t>(indexes + kHead, new_head);
         shm::store_le<uint32_t>(indexes + kTail, new_tail);
-        if (Vond_shm_memwrite(kSection, indexes, section_offset(kHead), sizeof indexes) != 0) {
+        if (Vond_shm_memwrite(kSection, indexes, field_offset(kHead), sizeof indexes) != 0) {
             SHM_LOG(2, "Write SDC header section failed.\n");
             return -1;
         }
@@ -122,7 +122,7 @@ SHM_EXPORT int32_t Vond_shm_clear_sdc(void) {
     Header header;
     if (!read_header(__func__, 2, header)) return -1;
     const uint8_t zeros[12] = {};
-    if (Vond_shm_memwrite(kSection, zeros, section_offset(kHead), sizeof zeros) != 0) {
+    if (Vond_shm_memwrite(kSection, zeros, field_offset(kHead), sizeof zeros) != 0) {
         SHM_LOG(2, "Write SDC header section failed.\n");
         return -1;
     }

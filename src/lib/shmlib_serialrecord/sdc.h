@@ -1,7 +1,7 @@
 // The serial data record ring in section 26: the ring bytes at offsets 0 to
 // 524287, then the 220-byte header with Head, Tail, Written, the application
 // table and the signature. All SDC state lives in the section; these are the
-// offsets and the index arithmetic every SDC call shares.
+// offsets every SDC call shares (the ring's states are in ring_state.h).
 //
 // Header values come from shared memory (any local process can write it) or
 // from a recovery file, so they are untrusted: GetSdcHeader refuses Head and
@@ -12,12 +12,11 @@
 #include <cstdint>
 
 #include "libshm.h"
+#include "shmlib_serialrecord/ring_state.h"
 
 namespace shm::sdc {
 
 inline constexpr int32_t kSection = SHM_SEC_SDC;
-inline constexpr uint32_t kRingSize = SDC_RING_SIZE;
-inline constexpr uint32_t kRingMask = SDC_RING_SIZE - 1;
 inline constexpr int32_t kHeaderOffset = SDC_HEADER_OFFSET;
 inline constexpr int32_t kHeaderSize = SDC_HEADER_SIZE;
 inline constexpr int32_t kSectionSize = kHeaderOffset + kHeaderSize;
@@ -45,26 +44,14 @@ static_assert(__builtin_offsetof(SdcHeader, Tail) == kTail);
 static_assert(__builtin_offsetof(SdcHeader, Written) == kWritten);
 static_assert(__builtin_offsetof(SdcHeader, SDCAppTable) == kAppTable);
 static_assert(__builtin_offsetof(SdcHeader, Signature) == kSignature);
-static_assert(kRingSize == 0x80000 && kRingMask == 0x7FFFF);
 static_assert(kSectionSize == 524508 && kFileSize == kSectionSize);
 
-// Section offsets of the header fields and of application slot `id`.
-constexpr int32_t section_offset(int32_t header_offset) { return kHeaderOffset + header_offset; }
+// Where a header field lies in the section, from its offset in the header,
+// and where application slot `id` starts in the header.
+constexpr int32_t field_offset(int32_t header_offset) { return kHeaderOffset + header_offset; }
 constexpr int32_t app_offset(uint32_t id) { return kAppTable + kAppEntrySize * int32_t(id); }
-static_assert(section_offset(app_offset(0)) == 524300);
-static_assert(section_offset(app_offset(1) + kAppLast) == 524346);
-
-// The ring states, tested in this order.
-constexpr bool is_full(uint32_t head, uint32_t tail) { return head == ((tail + 1) & kRingMask); }
-constexpr bool is_empty(uint32_t head, uint32_t tail, uint32_t written) {
-    return head == 0 && tail == 0 && written == 0;
-}
-// The count an export returns.
-constexpr uint32_t content_size(uint32_t head, uint32_t tail, uint32_t written) {
-    if (is_full(head, tail)) return kRingSize;
-    if (is_empty(head, tail, written)) return 0;
-    return tail + 1;
-}
+static_assert(field_offset(app_offset(0)) == 524300);
+static_assert(field_offset(app_offset(1) + kAppLast) == 524346);
 
 // A copy of the header as read from the section, with the indexes decoded.
 struct Header {
