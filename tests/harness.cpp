@@ -132,6 +132,19 @@ std::vector<int> section_semaphore_values() {
     return values;
 }
 
+pid_t start_u16_flipper(int32_t section, int32_t offset, uint16_t a, uint16_t b) {
+    if (Vond_shm_init_shm() != 0) return -1;
+    return start_child([=] {
+        auto* field = static_cast<uint8_t*>(gShmData[section]) + offset;
+        for (uint32_t i = 0;; ++i) {
+            const uint16_t value = i % 2 ? b : a;
+            __atomic_store_n(field, static_cast<uint8_t>(value), __ATOMIC_RELAXED);
+            __atomic_store_n(field + 1, static_cast<uint8_t>(value >> 8), __ATOMIC_RELAXED);
+        }
+        return 0;
+    });
+}
+
 void touch(const char* path) {
     const int fd = open(path, O_CREAT | O_WRONLY, 0644);
     if (fd >= 0) close(fd);

@@ -55,6 +55,11 @@ std::vector<int> section_semaphore_values();
 
 void touch(const char* path);
 
+// A child that rewrites the little-endian 16-bit field at `offset` of
+// `section`, in place and without the lock, alternating `a` and `b` until it
+// is killed: a writer that changes a field under a reader's feet.
+pid_t start_u16_flipper(int32_t section, int32_t offset, uint16_t a, uint16_t b);
+
 // Writes one byte of a section through the locked write; fails the test if
 // the write does.
 void put(int32_t section, int32_t offset, uint8_t byte);

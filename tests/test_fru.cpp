@@ -84,15 +84,7 @@ TEST(Fru, LengthChangingDuringTheCallIsCheckedAndCopiedOnce) {
     constexpr uint32_t kOffset = 242557 - 16;
     set_entry(0, 1, 7, 0, 0, 1, 16, kOffset);
     set_count(1);
-    const pid_t writer = test::start_child([] {
-        auto* length = static_cast<uint8_t*>(gShmData[22]) + 8 + 7;
-        for (uint32_t i = 0;; ++i) {
-            const uint16_t value = i % 2 ? 60000 : 16;
-            __atomic_store_n(length, static_cast<uint8_t>(value), __ATOMIC_RELAXED);
-            __atomic_store_n(length + 1, static_cast<uint8_t>(value >> 8), __ATOMIC_RELAXED);
-        }
-        return 0;
-    });
+    const pid_t writer = test::start_u16_flipper(22, 8 + 7, 16, 60000);  // entry 0's dataLength
     std::vector<uint8_t> buf(SHM_FRU_DATA_MAX_LENGTH);
     int copied = 0, refused = 0, overrun = 0;
     for (int i = 0; i < 20000; ++i) {

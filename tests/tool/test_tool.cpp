@@ -311,15 +311,7 @@ TEST(Tool, OutputThatCannotBeWrittenExitsOneWithTheReason) {
 TEST(Tool, FruDataWhileAWriterChangesTheLength) {
     put_bytes(22, 6, {1, 0});
     put_bytes(22, 8, {1, 7, 0, 0, 0, 0, 1, 16, 0, 0x00, 0x10, 0, 0, 0, 0});  // block at 4096
-    const pid_t writer = test::start_child([] {
-        auto* length = static_cast<uint8_t*>(gShmData[22]) + 8 + 7;
-        for (uint32_t i = 0;; ++i) {
-            const uint16_t value = i % 2 ? 60000 : 16;
-            __atomic_store_n(length, static_cast<uint8_t>(value), __ATOMIC_RELAXED);
-            __atomic_store_n(length + 1, static_cast<uint8_t>(value >> 8), __ATOMIC_RELAXED);
-        }
-        return 0;
-    });
+    const pid_t writer = test::start_u16_flipper(22, 8 + 7, 16, 60000);  // entry 0's dataLength
     int failed = 0;
     for (int run = 0; run < 20; ++run) {
         const tool::Result r = tool::run({"fru", "7", "--data"});
