@@ -4,6 +4,11 @@
 // has changed; a write leaves the range equal to its source, a fill to its
 // byte. Caller buffers have exactly the length passed, so the sanitizer sees
 // any access beyond them.
+//
+// "Whole segment" is checked through the segment watch of fuzz_common.h
+// (only pages the call wrote can differ), and the caller buffer is one
+// allocation of the largest length, cut to the length passed: the costs
+// follow the ranges the input names, not the segment's size.
 #include "fuzz_common.h"
 
 namespace {
@@ -17,6 +22,7 @@ enum Op { kRead, kReadUnlocked, kReadSafe, kWrite, kWriteSafe, kFill, kBit, kOps
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace fuzz;
     uint8_t* base = segment();
+    static ExactBuffer<kMaxBuffer> caller;
     Input in(data, size);
     for (int step = 0; step < 32 && in.more(); ++step) {
         const Op op = Op(in.u8() % kOps);
@@ -36,23 +42,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             lo = start + offset;
             hi = start + (end < sec_size ? end : sec_size);
         }
-        const std::vector<uint8_t> before = snapshot();
+        checkpoint();
+        expect_writes(lo, hi);
         // Only the reads and writes take a caller buffer; a fill's length may be
-        // anything.
+        // anything. A write's buffer holds up to 64 bytes of the input, then
+        // zeros.
         const bool buffered = op != kFill && op != kBit && length > 0;
-        std::vector<uint8_t> buffer(buffered ? size_t(length) : 0);
-        in.bytes(buffer.data(), buffer.size() < 64 ? buffer.size() : 64);
+        const size_t buffer_size = buffered ? size_t(length) : 0;
+        uint8_t* buffer = buffered ? caller.take(buffer_size, writes) : nullptr;
+        in.bytes(buffer, buffer_size < 64 ? buffer_size : 64);
+        caller.wrote(writes ? (buffer_size < 64 ? buffer_size : 64) : buffer_size);
         const uint8_t value = in.u8();
         int32_t result = 0;
         switch (op) {
-            case kRead: result = Vond_shm_memread(sec, buffer.data(), offset, length); break;
+            case kRead: result = Vond_shm_memread(sec, buffer, offset, length); break;
             case kReadUnlocked:
-                result = Vond_shm_memread_unlocked(sec, buffer.data(), offset, length);
+                result = Vond_shm_memread_unlocked(sec, buffer, offset, length);
                 break;
-            case kReadSafe: result = Vond_shm_memread_safe(sec, buffer.data(), offset, length); break;
-            case kWrite: result = Vond_shm_memwrite(sec, buffer.data(), offset, length); break;
+            case kReadSafe: result = Vond_shm_memread_safe(sec, buffer, offset, length); break;
+            case kWrite: result = Vond_shm_memwrite(sec, buffer, offset, length); break;
             case kWriteSafe:
-                result = Vond_shm_memwrite_safe(sec, buffer.data(), offset, length);
+                result = Vond_shm_memwrite_safe(sec, buffer, offset, length);
                 break;
             case kFill: result = Vond_shm_memset(sec, value, offset, length); break;
             case kBit: {
@@ -66,11 +76,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             FUZZ_CHECK(result >= -4 && result <= 0);
         else
             FUZZ_CHECK(result == 0 || result == -1);
-        expect_unchanged_outside(before, lo, hi);
+        expect_unchanged_outside(lo, hi);
         if (result == 0 && hi > lo && (op == kWrite || op == kWriteSafe))
-            FUZZ_CHECK(std::memcmp(base + lo, buffer.data(), size_t(hi - lo)) == 0);
+            FUZZ_CHECK(std::memcmp(base + lo, buffer, size_t(hi - lo)) == 0);
         if (result == 0 && hi > lo && op == kFill)
-            for (int64_t i = lo; i < hi; ++i) FUZZ_CHECK(base[i] == value);
+            FUZZ_CHECK(all_bytes(base + lo, size_t(hi - lo), value));
     }
     return 0;
 }

@@ -154,4 +154,64 @@ void put(int32_t section, int32_t offset, uint8_t byte) {
     ASSERT_EQ(Vond_shm_memwrite(section, &byte, offset, 1), 0);
 }
 
+void put_bytes(int32_t section, int32_t offset, const std::vector<uint8_t>& bytes) {
+    ASSERT_EQ(Vond_shm_memwrite(section, bytes.data(), offset, static_cast<int32_t>(bytes.size())), 0);
+}
+
+void put_le32(int32_t section, int32_t offset, uint32_t value) {
+    put_bytes(section, offset, {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
+                                static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)});
+}
+
+int quiet_hook(int32_t, int32_t, const char*, ...) { return 0; }
+
+void attach_quietly() {
+    ASSERT_EQ(Vond_shm_init_shm(), 0);
+    (void)SHML_get_per_thread_data();
+    SHML_vondprintf = quiet_hook;
+}
+
+std::string locks_left_taken() {
+    const struct { int32_t key, count; const char* name; } sets[] = {
+        {77777777, 1, "library"}, {77777812, 34, "section"}};
+    for (const auto& set : sets) {
+        const int id = semget(set.key, set.count, 0);
+        if (id < 0) return std::string(set.name) + " semaphore set missing";
+        for (int member = 0; member < set.count; ++member) {
+            const int value = semctl(id, member, GETVAL);
+            if (value != 1)
+                return std::string(set.name) + " semaphore " + std::to_string(member) + " left at " +
+                       std::to_string(value);
+        }
+    }
+    return {};
+}
+
+void break_section_locks() { ASSERT_EQ(semctl(gShmSecSemId, 0, IPC_RMID), 0); }
+
+std::vector<uint8_t> pattern(size_t n, uint32_t seed) {
+    std::vector<uint8_t> b(n);
+    for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>((i + seed) * 2654435761u >> 13);
+    return b;
+}
+
+void write_file(const char* path, const std::vector<uint8_t>& bytes) {
+    FILE* f = std::fopen(path, "w");
+    ASSERT_NE(f, nullptr) << path;
+    ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+    ASSERT_EQ(std::fclose(f), 0);
+}
+
+SdcHeader sdc_header() {
+    SdcHeader h;
+    EXPECT_EQ(Vond_shm_memread(SHM_SEC_SDC, &h, SDC_HEADER_OFFSET, sizeof h), 0);
+    return h;
+}
+
+void set_sdc_indexes(uint32_t head, uint32_t tail, uint32_t written) {
+    put_le32(SHM_SEC_SDC, SDC_HEADER_OFFSET, head);
+    put_le32(SHM_SEC_SDC, SDC_HEADER_OFFSET + 4, tail);
+    put_le32(SHM_SEC_SDC, SDC_HEADER_OFFSET + 8, written);
+}
+
 }  // namespace test

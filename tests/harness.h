@@ -3,6 +3,7 @@
 // one test case per process, so each case starts with a fresh store.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -60,8 +61,28 @@ void touch(const char* path);
 // is killed: a writer that changes a field under a reader's feet.
 pid_t start_u16_flipper(int32_t section, int32_t offset, uint16_t a, uint16_t b);
 
-// Writes one byte of a section through the locked write; fails the test if
-// the write does.
+// Writes through the locked write; fails the test if the write does.
 void put(int32_t section, int32_t offset, uint8_t byte);
+void put_bytes(int32_t section, int32_t offset, const std::vector<uint8_t>& bytes);
+void put_le32(int32_t section, int32_t offset, uint32_t value);
+
+// The do-nothing hook, and an attach with it installed (after the lookup).
+int quiet_hook(int32_t level, int32_t module, const char* format, ...);
+void attach_quietly();
+
+// "" when every member of both store sets is 1 (read by raw IPC, so the
+// caller need not be attached), else which member is not.
+std::string locks_left_taken();
+// Removes the section set: every section lock fails from here on.
+void break_section_locks();
+
+// n bytes that differ with the seed, for streams and ring contents.
+std::vector<uint8_t> pattern(size_t n, uint32_t seed);
+void write_file(const char* path, const std::vector<uint8_t>& bytes);
+
+// The SDC header in section 26, and a consumer's read position in it.
+SdcHeader sdc_header();
+void set_sdc_indexes(uint32_t head, uint32_t tail, uint32_t written);
+constexpr int32_t sdc_last_offset(int32_t id) { return SDC_HEADER_OFFSET + 12 + 25 * id + 21; }
 
 }  // namespace test

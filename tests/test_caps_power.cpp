@@ -1,7 +1,6 @@
 // Feature capability words, VR sensor enablement, power status, blade form
 // factor and the power input table.
 #include <gtest/gtest.h>
-#include <sys/sem.h>
 
 #include <cstdint>
 #include <string>
@@ -94,7 +93,7 @@ TEST(Vr, FailedReadsAnswerThree) {
     gShmSecSize[20] = 1000;  // the VR section now lies past the section's end
     EXPECT_EQ(Get_VR_Sensor_Enablement(5, 0), 3);
     EXPECT_EQ(test::count(2, "Get_VR_Sensor_Enablement", "SHM read failed for VR section in PBT!"), 1);
-    ASSERT_EQ(semctl(gShmSecSemId, 0, IPC_RMID), 0);
+    test::break_section_locks();
     EXPECT_EQ(Get_VR_Sensor_Enablement(5, 0), 3);
     EXPECT_EQ(test::count(2, "Get_VR_Sensor_Enablement", "SHM read failed for pbtVersion!"), 1);
 }
@@ -116,7 +115,7 @@ TEST(Power, StatusAndFormFactor) {
     EXPECT_EQ(form, 0x9C);
 
     put(5, 451, 0x10);
-    ASSERT_EQ(semctl(gShmSecSemId, 0, IPC_RMID), 0);
+    test::break_section_locks();
     test::clear_messages();
     EXPECT_EQ(GetSystemPowerStatusSHM(), 255u);
     EXPECT_EQ(test::count(1, "GetSystemPowerStatusSHM", "Vond_shm_memread read section 5 failed(-1)!\n"), 1);

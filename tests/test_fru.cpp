@@ -11,9 +11,7 @@
 
 namespace {
 
-void write(int32_t sec, int32_t offset, const std::vector<uint8_t>& bytes) {
-    ASSERT_EQ(Vond_shm_memwrite(sec, bytes.data(), offset, static_cast<int32_t>(bytes.size())), 0);
-}
+void write(int32_t sec, int32_t offset, const std::vector<uint8_t>& bytes) { test::put_bytes(sec, offset, bytes); }
 void set_count(uint16_t n) { write(22, 6, {uint8_t(n), uint8_t(n >> 8)}); }
 // Entry i with carried bytes 0xC3, 0xD1, 0xD2; returns what was stored.
 std::vector<uint8_t> set_entry(int i, uint8_t status, uint16_t id, uint8_t attr, uint8_t type, uint8_t loc,

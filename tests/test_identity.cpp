@@ -1,5 +1,5 @@
 // The platform identity record: getters and their failure values, the
-// progress bit algebra (also across processes), the chassis predicates, the
+// progress bit algebra, the chassis predicates, the
 // product-type marker.
 #include <gtest/gtest.h>
 #include <sys/sem.h>
@@ -13,16 +13,12 @@
 
 namespace {
 
-void put(int32_t offset, std::vector<uint8_t> bytes) {
-    ASSERT_EQ(Vond_shm_memwrite(6, bytes.data(), offset, static_cast<int32_t>(bytes.size())), 0);
-}
+void put(int32_t offset, const std::vector<uint8_t>& bytes) { test::put_bytes(6, offset, bytes); }
 uint32_t progress_word() {
     uint32_t word = 0;
     EXPECT_EQ(Vond_shm_memread(6, &word, 0, 4), 0);
     return word;
 }
-// Every section lock fails from here on, so every store read fails.
-void break_locks() { ASSERT_EQ(semctl(gShmSecSemId, 0, IPC_RMID), 0); }
 
 struct Getter {
     uint32_t (*call)();
@@ -39,7 +35,7 @@ TEST(Identity, GettersReadTheirByteAndAnswerFixedValuesOnFailure) {
     test::install_hook();
     for (int32_t i = 0; i < 13; ++i) put(i, {static_cast<uint8_t>(0xA0 + i)});
     for (const Getter& g : kGetters) EXPECT_EQ(g.call(), 0xA0u + g.offset) << "offset " << g.offset;
-    break_locks();
+    test::break_section_locks();  // every store read fails from here on
     test::clear_messages();
     for (const Getter& g : kGetters) EXPECT_EQ(g.call(), g.on_failure) << "offset " << g.offset;
     EXPECT_EQ(Vond_get_quorx_progress(0), 0u);
@@ -120,36 +116,6 @@ TEST(Identity, ProgressSetterAttachesByItself) {
     EXPECT_EQ(progress_word(), 0x10u);
 }
 
-// Two processes each own half of bits 1 to 31 and set and clear them over and
-// over; a read-modify-write that is not atomic loses bits of the other.
-TEST(Identity, ConcurrentSettersLoseNoBits) {
-    ASSERT_EQ(Vond_shm_init_shm(), 0);
-    auto body = [](int32_t first) {
-        return [first]() -> int {
-            uint8_t go = 0;  // both start together, so their updates overlap
-            while (go == 0) Vond_shm_memread_unlocked(1, &go, 0, 1);
-            for (int round = 0; round < 2000; ++round)
-                for (int32_t set : {0, 1})
-                    for (int32_t bit = first; bit <= 31; bit += 2)
-                        if (Vond_set_quorx_progress(bit, set) != 0) return 1;
-            return 0;
-        };
-    };
-    const pid_t odd = test::start_child(body(1));
-    const pid_t even = test::start_child(body(2));
-    const uint8_t go = 1;
-    ASSERT_EQ(Vond_shm_memwrite(1, &go, 0, 1), 0);
-    const test::ChildResult a = test::wait_child(odd, 25), b = test::wait_child(even, 25);
-    ASSERT_TRUE(a.exited && a.code == 0 && b.exited && b.code == 0);
-    EXPECT_EQ(progress_word(), 0xFFFFFFFFu);
-
-    // The setter waits for the section lock another holder has.
-    ASSERT_EQ(Vond_shm_lock_shm(6), 0);
-    EXPECT_TRUE(test::run_child([] { return Vond_set_quorx_progress(7, 0); }, 1).timed_out);
-    ASSERT_EQ(Vond_shm_unlock_shm(6), 0);
-    EXPECT_EQ(progress_word(), 0xFFFFFFFFu);
-}
-
 TEST(Identity, ChassisPredicatesAndSetter) {
     const struct { uint8_t platform, chassis; uint32_t ngm; int32_t brask; } cases[] = {
         {0, 8, 0, 0}, {2, 8, 1, 0}, {2, 0x0C, 1, 0}, {2, 7, 0, 0}, {0, 1, 0, 1}, {0, 3, 0, 1},
@@ -181,6 +147,15 @@ TEST(Identity, BladeSlotOnlyOnModularPlatforms) {
     EXPECT_EQ(slot, 7);
     EXPECT_EQ(Vond_get_blade_slot_num(nullptr), -1);
     EXPECT_EQ(test::count(1, "Vond_get_blade_slot_num", "slot NULL pointer\n"), 1);
+}
+
+TEST(Identity, FixedStaggerTime) {
+    test::install_hook();
+    uint8_t time = 0;
+    EXPECT_EQ(Vond_get_bios_livescan_stagger_time(&time), 0);
+    EXPECT_EQ(time, 6);
+    EXPECT_EQ(Vond_get_bios_livescan_stagger_time(nullptr), -1);
+    EXPECT_EQ(test::count(1, "Vond_get_bios_livescan_stagger_time", "time NULL pointer\n"), 1);
 }
 
 TEST(Identity, ProductTypeIsTheMarkersExistence) {

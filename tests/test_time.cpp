@@ -1,7 +1,6 @@
 // The time records: EOP time set and get, up-time, boot time in local time,
 // the collection date in UTC, and what each call does when the store fails.
 #include <gtest/gtest.h>
-#include <sys/sem.h>
 #include <sys/time.h>
 
 #include <cstdint>
@@ -23,10 +22,7 @@ uint32_t stored(int32_t sec, int32_t offset) {
     EXPECT_EQ(Vond_shm_memread(sec, b, offset, 4), 0);
     return b[0] | b[1] << 8 | b[2] << 16 | uint32_t{b[3]} << 24;
 }
-void store(int32_t sec, int32_t offset, uint32_t value) {
-    const uint8_t b[4] = {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16), uint8_t(value >> 24)};
-    ASSERT_EQ(Vond_shm_memwrite(sec, b, offset, 4), 0);
-}
+void store(int32_t sec, int32_t offset, uint32_t value) { test::put_le32(sec, offset, value); }
 // The clock the up-time reads: time() can trail it by a clock tick, which
 // makes the up-time look a second longer than the time() bounds allow.
 uint32_t now() {
@@ -118,7 +114,7 @@ TEST(Time, StoreFailures) {
     test::install_hook();
     store(9, 0, 1000);
     store(19, 153, 1000);
-    ASSERT_EQ(semctl(gShmSecSemId, 0, IPC_RMID), 0);  // every section lock fails now
+    test::break_section_locks();  // every section lock fails now
     test::clear_messages();
     uint32_t eop = 5;
     EXPECT_EQ(Vond_get_EOPTime(&eop), -1);
