@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <signal.h>
 #include <sys/sem.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -105,7 +106,7 @@ TEST(Tool, ReadCommandsShowTheStore) {
         {{"dump", "platform", "4", "3"}, {{"/hex", "023d03"}}},
         {{"platform"}, {{"/record/system_id", 61}, {"/record/blade_slot", 3}, {"/predicates/isDunmarch", 1},
                         {"/progress/bits", {0, 1, 5, 6, 13, 22}}}},
-        {{"time"}, {{"/eop_time", 1700000000}, {"/os_data_collection_date", "19700101000001.000000+000"},
+        {{"time"}, {{"/eop_time", "2023-11-14T22:13:20Z"}, {"/eop_time_seconds", 1700000000}, {"/os_data_collection_date", "19700101000001.000000+000"},
                     {"/uptime_seconds", nullptr}, {"/boot_time", nullptr}}},
         {{"caps"}, {{"/capabilities/3/value", 0x1234}}},
         {{"vr"}, {{"/cpu/0/state", "disabled"}, {"/cpu/1/state", "enabled"}, {"/memory/7/state", "enabled"}}},
@@ -121,6 +122,7 @@ TEST(Tool, ReadCommandsShowTheStore) {
                              {"/applications/1/registered", false}}},
         {{"sdc", "export"}, {{"/hex", "2366697273740a"}}},
         {{"sdc", "poll", "reader"}, {{"/hex", "66697273740a"}, {"/length", 6}}},
+        {{"poke", "blade", "0", "0102"}, {{"/section", 16}, {"/offset", 0}, {"/written", 2}}},
     };
     for (const auto& row : rows) {
         Args args = row.args;
@@ -128,6 +130,7 @@ TEST(Tool, ReadCommandsShowTheStore) {
         const Result r = run(args);
         ASSERT_EQ(r.status, 0) << testing::PrintToString(args) << r.err;
         const json doc = json::parse(r.out);  // one document, nothing else on stdout
+        EXPECT_EQ(nlohmann::ordered_json::parse(r.out).begin().key() + doc["schema"].dump(), "schema1") << r.out;
         for (const auto& [pointer, want] : row.fields.items())
             EXPECT_TRUE(doc.contains(json::json_pointer(pointer)) &&
                         (want.is_null() || doc[json::json_pointer(pointer)] == want))
@@ -218,7 +221,7 @@ TEST(Tool, SdcSaveThenInitRestoresTheSectionByteForByte) {
     ASSERT_EQ(Vond_shm_clear_sdc(), 0);
     sdc_write("later bytes that the restore must undo");
     ASSERT_EQ(Vond_shm_periodic_register_sdc("newcomer", &id), 0);
-    const Result init = run({"sdc", "init"});
+    const Result init = run({"sdc", "init", "--force"});
     ASSERT_EQ(init.status, 0) << init.err;
     EXPECT_NE(init.out.find("restored from " SDC_RECOVERY_FILE), std::string::npos) << init.out;
     EXPECT_TRUE(section(SHM_SEC_SDC) == saved);
@@ -236,7 +239,7 @@ TEST(Tool, SdcInitReportsARestoreThatStoppedPartWay) {
     sdc_write(std::string(300000, 'S'));  // past the half that will still be restored
 
     ASSERT_EQ(Vond_shm_lock_shm(SHM_SEC_SDC), 0);
-    const pid_t init = start({"sdc", "init"});
+    const pid_t init = start({"sdc", "init", "--force"});
     for (int ms = 0; semctl(gShmSecSemId, SHM_SEC_SDC - 1, GETNCNT) != 1 && ms < 30000; ++ms) usleep(1000);
     ASSERT_EQ(semctl(gShmSecSemId, SHM_SEC_SDC - 1, GETNCNT), 1);  // the tool waits in the restore
     ASSERT_EQ(truncate(SDC_RECOVERY_FILE, SDC_RECOVERY_FILE_SIZE / 2), 0);
@@ -280,6 +283,173 @@ TEST(Tool, DemoRunsTheMainJob) {
                              "no section lock is held"})
         EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
     EXPECT_EQ(Vond_get_platform_type(), 0u);  // the demo's store was its own
+}
+
+// wts: waiting for a lock with a limit, snapshots.
+TEST(Tool, TimeoutGivesUpOnAHeldLockAndChangesNoMember) {
+    ASSERT_EQ(Vond_shm_init_shm(), 0);
+    const pid_t holder = test::start_child([] { return Vond_shm_lock_shm(SHM_SEC_PLATFORM_ID) == 0 ? pause() : 1; });
+    for (int i = 0; i < 10000 && semctl(gShmSecSemId, SHM_SEC_PLATFORM_ID - 1, GETVAL) != 0; ++i) usleep(1000);
+    std::string name = slurp(("/proc/" + std::to_string(holder) + "/comm").c_str());
+    name = name.substr(0, name.find('\n'));
+    std::vector<unsigned short> before(SHM_SECTION_COUNT), after(SHM_SECTION_COUNT);
+    ASSERT_EQ(semctl(gShmSecSemId, 0, GETALL, before.data()), 0);
+    ASSERT_EQ(before[SHM_SEC_PLATFORM_ID - 1], 0) << "the holder never took the lock";
+    const Result r = run({"--timeout", "2", "platform"});
+    ASSERT_EQ(semctl(gShmSecSemId, 0, GETALL, after.data()), 0);
+    kill(holder, SIGKILL);
+    test::wait_child(holder);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.err.find("shmtool: timed out after 2 s waiting for section 6 (platform), held by pid " +
+                         std::to_string(holder) + " (" + name + ")"), std::string::npos) << r.err;
+    EXPECT_EQ(before, after);
+}
+
+TEST(Tool, SnapshotDiffNamesThePokedByteAndReadCommandsReadTheFile) {
+    ASSERT_EQ(run({"snapshot", "save", "/tmp/a.snap"}).status, 0);
+    test::put(SHM_SEC_PLATFORM_ID, 5, 61);
+    ASSERT_EQ(run({"snapshot", "save", "/tmp/b.snap"}).status, 0);
+    const Result diff = run({"--json", "snapshot", "diff", "/tmp/a.snap", "/tmp/b.snap"});
+    ASSERT_EQ(diff.status, 0) << diff.err;
+    const json d = json::parse(diff.out);
+    ASSERT_EQ(d["sections"].size(), 1u) << diff.out;
+    EXPECT_EQ(d["sections"][0]["section"], SHM_SEC_PLATFORM_ID);
+    EXPECT_EQ(d["sections"][0]["runs"], json::parse(R"([{"offset": 5, "length": 1, "old": "00", "new": "3d"}])"));
+    EXPECT_EQ(d["sections"][0]["fields"][0]["field"], "system_id");
+    const Result old = run({"--json", "--snapshot", "/tmp/a.snap", "platform"});
+    ASSERT_EQ(old.status, 0) << old.err;
+    EXPECT_EQ(json::parse(old.out)["record"]["system_id"], 0) << old.out;
+    EXPECT_EQ(run({"--snapshot", "/tmp/a.snap", "poke", "platform", "5", "00"}).status, 2);
+    EXPECT_EQ(Vond_get_system_id(), 61u);
+}
+
+// sdc: init/restore over a ring holding data only with --force; follow --no-register takes no slot.
+TEST(Tool, SdcRestoresOnlyOverAnEmptyRingUnlessForced) {
+    ASSERT_EQ(Vond_shm_init_sdc(), 0);
+    sdc_write("saved bytes\n");
+    const Bytes saved = section(SHM_SEC_SDC);
+    test::write_file(SDC_RECOVERY_FILE, saved);
+    ASSERT_EQ(Vond_shm_clear_sdc(), 0);
+    sdc_write("newer bytes, never saved\n");
+    const Bytes newer = section(SHM_SEC_SDC);
+    const struct { Args args; bool empty; int status; const Bytes& after; } rows[] = {
+        {{"sdc", "init"}, false, 1, newer},
+        {{"sdc", "restore", SDC_RECOVERY_FILE}, false, 1, newer},
+        {{"sdc", "init", "--force"}, false, 0, saved},
+        {{"sdc", "restore", "--force", SDC_RECOVERY_FILE}, false, 0, saved},
+        {{"sdc", "restore", SDC_RECOVERY_FILE}, true, 0, saved},
+    };
+    for (const auto& row : rows) {
+        ASSERT_EQ(Vond_shm_memwrite(SHM_SEC_SDC, newer.data(), 0, int32_t(newer.size())), 0);
+        if (row.empty) { ASSERT_EQ(Vond_shm_clear_sdc(), 0); }
+        const Result r = run(row.args);
+        EXPECT_EQ(r.status, row.status) << testing::PrintToString(row.args) << r.err;
+        EXPECT_EQ(r.err.find("the SDC ring is not empty") != std::string::npos, row.status == 1) << r.err;
+        EXPECT_TRUE(section(SHM_SEC_SDC) == row.after) << testing::PrintToString(row.args);
+    }
+}
+
+TEST(Tool, SdcFollowWithoutRegisteringLeavesTheSlotsAlone) {
+    ASSERT_EQ(Vond_shm_init_sdc(), 0);
+    sdc_write("#");
+    ASSERT_EQ(run({"sdc", "register", "owner"}).status, 0);
+    const auto table = [] {  // the header's application slots
+        const Bytes sdc = section(SHM_SEC_SDC);
+        return Bytes(sdc.begin() + SDC_HEADER_OFFSET + 12, sdc.end() - 8);
+    };
+    const Bytes slots = table();
+    std::string expected = "#" + std::string(SDC_RING_SIZE - 100, '.');
+    sdc_write(expected.substr(1));
+    const pid_t follow = start({"sdc", "follow", "--no-register", "--interval", "0.05"});
+    ASSERT_EQ(output_of_size(expected.size()).size(), expected.size());  // the ring's content first
+    for (int i = 1; i <= 20; ++i) {  // records that cross the ring's end
+        const std::string record = "record " + std::to_string(i) + "\n";
+        sdc_write(record);
+        expected += record;
+    }
+    const std::string out = output_of_size(expected.size());
+    EXPECT_TRUE(out == expected) << out.size() << " bytes, ending " << out.substr(out.size() - std::min<size_t>(out.size(), 99));
+    kill(follow, SIGINT);
+    EXPECT_EQ(test::wait_child(follow).code, 0);
+    EXPECT_TRUE(table() == slots);
+}
+
+// doc: doctor on a store a crashed creator left (section set half set up, no
+// library set) with a poisoned SDC header and a corrupt slot; info naming a
+// lock's holder and waiter.
+TEST(Tool, DoctorRepairsWhatACrashedCreatorLeftAndInfoNamesHolderAndWaiter) {
+    EXPECT_EQ(run({"doctor"}).err, "shmtool: no store: segment key 77777779 does not exist\n");
+    const int seg = shmget(77777779, SHM_SIZE, IPC_CREAT | 0666);
+    const int sems = semget(77777812, 34, IPC_CREAT | IPC_EXCL | 0666);
+    ASSERT_TRUE(seg >= 0 && sems >= 0);
+    for (int member = 33; member >= 10; --member) ASSERT_EQ(semctl(sems, member, SETVAL, 1), 0);  // died at 9
+    auto* header = reinterpret_cast<SdcHeader*>(static_cast<uint8_t*>(shmat(seg, nullptr, 0)) + 540267 +
+                                                SDC_HEADER_OFFSET);  // section 26's
+    header->Head = 0xFFFFFFFF;
+    std::memcpy(header->Signature, SDC_SIGNATURE, sizeof header->Signature);
+    std::strcpy(header->SDCAppTable[0].Name, "bad\x01");
+    std::strcpy(header->SDCAppTable[1].Name, "keeper");
+    const json want = json::parse(R"([["semaphore.missing", true], ["semaphore.unstarted", true],
+                                      ["sdc.indexes", true], ["sdc.slot", true]])");
+    for (const Args& args : {Args{"doctor", "--json"}, Args{"doctor", "--repair", "--json"}}) {  // not confirmed
+        const Result r = run(args);
+        ASSERT_EQ(r.status, 1) << r.err;
+        json found = json::array(), doc = json::parse(r.out);
+        for (const json& f : doc["findings"]) found.push_back({f["check"], f["safe_repair"]});
+        EXPECT_EQ(found, want) << r.out;
+    }
+    const Result repaired = run({"doctor", "--repair", "--yes"});
+    EXPECT_EQ(repaired.status, 0) << repaired.out << repaired.err;
+    EXPECT_EQ(test::locks_left_taken(), "");
+    EXPECT_TRUE(header->Head == 0 && header->Tail == 0 && header->SDCAppTable[0].Name[0] == 0);
+    EXPECT_STREQ(header->SDCAppTable[1].Name, "keeper");
+    EXPECT_EQ(run({"doctor"}).status, 0);
+
+    ASSERT_EQ(Vond_shm_init_shm(), 0);
+    ASSERT_EQ(Vond_shm_lock_shm(SHM_SEC_LAST), 0);
+    const pid_t waiter = test::start_child([] { uint8_t b; return Vond_shm_memread(SHM_SEC_LAST, &b, 0, 1); });
+    for (int ms = 0; semctl(gShmSecSemId, SHM_SEC_LAST - 1, GETNCNT) != 1 && ms < 30000; ++ms) usleep(1000);
+    const Result info = run({"info", "--json"});
+    ASSERT_EQ(Vond_shm_unlock_shm(SHM_SEC_LAST), 0);
+    EXPECT_EQ(test::wait_child(waiter).code, 0);
+    const json lock = json::parse(info.out)["sections"][SHM_SEC_LAST]["lock"];
+    const std::string name = slurp("/proc/self/comm").substr(0, slurp("/proc/self/comm").find('\n'));
+    EXPECT_EQ(lock["holder"], json({{"pid", getpid()}, {"name", name}})) << info.out;
+    EXPECT_EQ(lock["waiters"], json::array({{{"pid", waiter}, {"name", name}}})) << info.out;
+}
+
+// ifc: read-only commands never create the store; dump's "*"; --version; unknown commands.
+TEST(Tool, ReadOnlyCommandsWithoutAStoreCreateNothing) {
+    const Args rows[] = {{"info"}, {"dump", "6"}, {"platform"}, {"time"}, {"caps"}, {"vr"}, {"power"},
+                         {"fru"}, {"fru", "1", "--data"}, {"dimm"}, {"sdc", "status"}, {"sdc", "export", "/dev/null"}, {"doctor"},
+                         {"--json", "platform"}};
+    for (const Args& args : rows) {
+        const Result r = run(args);
+        EXPECT_EQ(r.status, 1) << testing::PrintToString(args);
+        EXPECT_EQ(r.err, "shmtool: no store: segment key 77777779 does not exist\n") << testing::PrintToString(args);
+        EXPECT_EQ(r.out, "");
+    }
+    EXPECT_LT(shmget(77777779, 0, 0), 0);
+    EXPECT_LT(semget(77777777, 0, 0), 0);
+    EXPECT_LT(semget(77777812, 0, 0), 0);
+}
+
+TEST(Tool, DumpCollapsesRepeatsVersionAndUnknownCommand) {
+    ASSERT_EQ(Vond_shm_init_shm(), 0);
+    const struct { Args args; int status; const char* out; const char* err; } rows[] = {
+        {{"dump", "pbt", "0", "70"}, 0,
+         "section 20 \\(.*\n00000000  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  \\|\\.{16}\\|\n\\*\n"
+         "00000040  00 00 00 00 00 00 +\\|\\.{6}\\|\n00000046\n", ""},
+        {{"--version"}, 0, "shmtool [0-9]+\\.[0-9]+\\.[0-9]+ \\(libshm\\.so\\.[0-9]+\\)\n", ""},
+        {{"foo", "6"}, 2, "", "shmtool: unknown command 'foo' \\(see shmtool --help\\)\n"},
+        {{"--timeout", "1", "dump", "6", "--bogus"}, 2, "", "shmtool: [^\n]*--bogus[^\n]*\n"},
+    };
+    for (const auto& row : rows) {
+        const Result r = run(row.args);
+        EXPECT_EQ(r.status, row.status) << testing::PrintToString(row.args) << r.err;
+        EXPECT_TRUE(std::regex_match(r.out, std::regex(row.out))) << r.out;
+        EXPECT_TRUE(std::regex_match(r.err, std::regex(row.err))) << r.err;
+    }
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include "common.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sched.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -64,12 +67,117 @@ void run_action() {
 
 // ------------------------------------------------------------------ store
 
+namespace {
+
+// The store's System V objects, as the library makes them.
+constexpr key_t kIfcSegmentKey = 77777779;
+constexpr key_t kIfcLibrarySemKey = 77777777;
+constexpr key_t kIfcSectionSemKey = 77777812;
+constexpr int kIfcSectionSemCount = SHM_SECTION_COUNT;
+constexpr unsigned kIfcMode = 0666;
+bool g_ifc_attached = false;
+
+std::string ifc_owner(uid_t uid) {
+    std::string text = "uid " + std::to_string(uid);
+    char buffer[1024];
+    passwd entry{};
+    passwd* found = nullptr;
+    if (getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr)
+        text += std::string(" (") + found->pw_name + ")";
+    return text;
+}
+
+// What is wrong with the store's objects, as far as this process can see:
+// the kernel's errors, an existing segment's size, mode and owner where they
+// differ from the library's, and the ipcrm command that clears a stale object.
+std::string ifc_diagnose(bool try_attach = true) {
+    std::string out;
+    const int id = shmget(kIfcSegmentKey, 0, 0);
+    if (id < 0) {
+        if (errno != ENOENT) out += "; shmget(77777779): " + std::string(std::strerror(errno));
+    } else {
+        shmid_ds ds{};
+        if (shmctl(id, IPC_STAT, &ds) != 0) {
+            out += "; shmctl(IPC_STAT) of segment " + std::to_string(id) + ": " + std::strerror(errno);
+        } else {
+            const unsigned mode = ds.shm_perm.mode & 0777;
+            const bool wrong_size = ds.shm_segsz != static_cast<size_t>(SHM_SIZE);
+            if (wrong_size || mode != kIfcMode) {
+                out += "; the existing segment (id " + std::to_string(id) + ") is " + std::to_string(ds.shm_segsz) +
+                       " bytes, mode " + mode_string(mode) + ", owner " + ifc_owner(ds.shm_perm.uid) +
+                       "; the library expects " + std::to_string(SHM_SIZE) + " bytes, mode " + mode_string(kIfcMode);
+            }
+            if (shmget(kIfcSegmentKey, SHM_SIZE, 0) < 0)
+                out += "; shmget(77777779, " + std::to_string(SHM_SIZE) + "): " + std::strerror(errno);
+            void* base = try_attach ? shmat(id, nullptr, SHM_RDONLY) : nullptr;
+            if (base == reinterpret_cast<void*>(-1)) out += "; shmat: " + std::string(std::strerror(errno));
+            else if (base != nullptr) shmdt(base);
+        }
+        if (!out.empty()) out += "; a stale segment is removed with 'ipcrm -M 77777779'";
+    }
+    const struct { key_t key; int count; const char* name; } sets[] = {
+        {kIfcLibrarySemKey, 1, "library lock set"}, {kIfcSectionSemKey, kIfcSectionSemCount, "section lock set"}};
+    for (const auto& set : sets) {
+        if (semget(set.key, set.count, 0) >= 0 || errno == ENOENT) continue;
+        const std::string key = std::to_string(set.key);
+        out += std::string("; ") + set.name + ": semget(" + key + ", " + std::to_string(set.count) +
+               "): " + std::strerror(errno);
+        const int sem = semget(set.key, 0, 0);
+        semid_ds ds{};
+        if (sem >= 0 && semctl(sem, 0, IPC_STAT, &ds) == 0)
+            out += " (the existing set has " + std::to_string(ds.sem_nsems) + " members, mode " +
+                   mode_string(ds.sem_perm.mode & 0777) + ", owner " + ifc_owner(ds.sem_perm.uid) + ")";
+        out += "; a stale set is removed with 'ipcrm -S " + key + "'";
+    }
+    return out;
+}
+
+[[noreturn]] void ifc_attach_failed(int32_t result) {
+    const std::string why = ifc_diagnose();
+    throw Error{kFailed, "Vond_shm_init_shm returned " + std::to_string(result) + ": cannot attach the store" +
+                             (why.empty() ? (g_options.verbose ? "" : " (-v shows the library's messages)") : why)};
+}
+
+}  // namespace
+
 void attach() {
+    if (snapshot_active()) return snapshot_attach();  // --snapshot: its private store
+    if (g_ifc_attached) return;
     const int32_t result = Vond_shm_init_shm();
-    if (result != 0) library_failure("Vond_shm_init_shm", result, "cannot attach the store");
+    if (result != 0) ifc_attach_failed(result);
+    g_ifc_attached = true;
+}
+
+void attach_existing() {
+    if (snapshot_active()) return snapshot_attach();
+    if (g_ifc_attached) return;
+    if (shmget(kIfcSegmentKey, 0, 0) < 0) {
+        if (errno == ENOENT) failure("no store: segment key 77777779 does not exist");
+        failure("cannot attach the store: shmget(77777779): " + std::string(std::strerror(errno)) + ifc_diagnose());
+    }
+    // A segment the library cannot use (its size, its mode) is explained first.
+    if (const std::string why = ifc_diagnose(false); !why.empty()) failure("cannot attach the store" + why);
+    // The library would create a missing set: a segment without its sets is
+    // reported, never completed, by a command that only looks.
+    const struct { key_t key; int count; const char* name; } sets[] = {
+        {kIfcLibrarySemKey, 1, "library lock"}, {kIfcSectionSemKey, kIfcSectionSemCount, "section lock"}};
+    for (const auto& set : sets) {
+        if (semget(set.key, set.count, 0) >= 0) continue;
+        const std::string key = std::to_string(set.key);
+        if (errno == ENOENT)
+            failure("no store: segment key 77777779 exists but its " + std::string(set.name) +
+                    " semaphore set (key " + key + ") does not (a command that writes creates it; " +
+                    "'ipcrm -M 77777779' removes the segment)");
+        failure("cannot attach the store: " + std::string(set.name) + " set: semget(" + key + ", " +
+                std::to_string(set.count) + "): " + std::strerror(errno) + ifc_diagnose());
+    }
+    const int32_t result = Vond_shm_init_shm();
+    if (result != 0) ifc_attach_failed(result);
+    g_ifc_attached = true;
 }
 
 Bytes read_section(int section, int32_t offset, int32_t length) {
+    if (snapshot_active()) return snapshot_read(section, offset, length);  // --snapshot FILE
     attach();
     Bytes bytes(static_cast<size_t>(length));
     if (length == 0) return bytes;
@@ -94,9 +202,12 @@ void write_section(int section, int32_t offset, const Bytes& bytes) {
     }
 }
 
-int32_t section_size(int section) { return gShmSecSize[section]; }
+int32_t section_size(int section) {
+    return snapshot_active() ? snapshot_section_size(section) : gShmSecSize[section];
+}
 
 int64_t section_offset(int section) {
+    if (snapshot_active()) return snapshot_section_offset(section);
     int64_t offset = 0;
     for (int i = 0; i < section; ++i) offset += gShmSecSize[i];
     return offset;
@@ -200,7 +311,36 @@ void finish_output() {
     if (close(STDOUT_FILENO) != 0 && errno != EBADF && !g_output_failure_told) output_failure(errno);
 }
 
-void print_json(const json& document) { std::printf("%s\n", document.dump(2).c_str()); }
+void print_json(const json& document) {
+    // "schema" leads every document; one that sets it already keeps its own.
+    if (!document.is_object() || (!document.empty() && document.begin().key() == "schema")) {
+        std::printf("%s\n", document.dump(2).c_str());
+        return;
+    }
+    json framed = {{"schema", document.contains("schema") ? document["schema"] : json(1)}};
+    for (const auto& [key, value] : document.items())
+        if (key != "schema") framed[key] = value;
+    std::printf("%s\n", framed.dump(2).c_str());
+}
+
+std::string iso_time(int64_t seconds) {
+    const time_t when = static_cast<time_t>(seconds);
+    tm utc{};
+    char text[64] = "?";
+    if (gmtime_r(&when, &utc) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+std::string mode_string(unsigned mode) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%04o", mode & 07777);
+    return text;
+}
+
+void refuse_binary_on_terminal(bool asked, const char* flag) {
+    if (!asked && isatty(STDOUT_FILENO))
+        usage_error(std::string("refusing to write binary to a terminal (redirect it, or give ") + flag + ")");
+}
 
 std::string hex_string(const uint8_t* bytes, size_t length) {
     static const char digits[] = "0123456789abcdef";
@@ -214,7 +354,16 @@ std::string hex_string(const uint8_t* bytes, size_t length) {
 }
 
 void print_hexdump(const uint8_t* bytes, size_t length, uint64_t base) {
+    // As hexdump -C: a full line equal to the one before is left out, a
+    // single "*" standing for the run, and the end's address closes the dump.
+    bool starred = false;
     for (size_t row = 0; row < length; row += 16) {
+        if (row >= 16 && row + 16 <= length && std::memcmp(bytes + row, bytes + row - 16, 16) == 0) {
+            if (!starred) std::printf("*\n");
+            starred = true;
+            continue;
+        }
+        starred = false;
         std::printf("%08llx ", static_cast<unsigned long long>(base + row));
         for (size_t i = row; i < row + 16; ++i) {
             if (i % 8 == 0) std::putchar(' ');
@@ -226,6 +375,7 @@ void print_hexdump(const uint8_t* bytes, size_t length, uint64_t base) {
             std::putchar(bytes[i] >= 0x20 && bytes[i] < 0x7f ? bytes[i] : '.');
         std::printf("|\n");
     }
+    if (length > 0) std::printf("%08llx\n", static_cast<unsigned long long>(base + length));
 }
 
 std::string printable(const char* text, size_t max) {

@@ -62,6 +62,12 @@ void show_platform();
 // Attaches through the library (creating the store if no process has yet);
 // failure ends the command with status 1.
 void attach();
+// For read-only commands (info, dump, the views, sdc status/export, doctor):
+// attaches only a store that exists, and never creates one. Without a store
+// it ends the command with status 1 and "no store: segment key 77777779 does
+// not exist", and leaves no IPC object behind; a segment without one of its
+// semaphore sets is named the same way.
+void attach_existing();
 // Locked read / write of a whole range; failure ends the command with status 1.
 Bytes read_section(int section, int32_t offset, int32_t length);
 void write_section(int section, int32_t offset, const Bytes& bytes);
@@ -87,7 +93,14 @@ Bytes parse_hex(const std::string& text);
 void route_output();
 void check_output();
 void finish_output();
+// Prints one document with "schema": 1 as its first field. JSON conventions:
+// times are ISO 8601 in UTC (iso_time), modes octal strings (mode_string).
 void print_json(const json& document);
+std::string iso_time(int64_t seconds);   // "2026-11-23T12:00:00Z"; JSON null is the caller's for "never"
+std::string mode_string(unsigned mode);  // "0666"
+// Binary on standard output: refused (status 2) when it is a terminal unless
+// `asked` (--raw, --force); the caller's flag is named in the message.
+void refuse_binary_on_terminal(bool asked, const char* flag = "--raw");
 std::string hex_string(const uint8_t* bytes, size_t length);
 // Classic 16 bytes per line dump, addresses starting at `base`.
 void print_hexdump(const uint8_t* bytes, size_t length, uint64_t base);
@@ -108,5 +121,32 @@ void enter_private_store();       // --private: fresh IPC namespace, or status 1
 // its errors are reported by check_output, like every other output's).
 Bytes read_input(const std::string& path);
 void write_output(const std::string& path, const uint8_t* bytes, size_t length);
+
+// ------------------------------ waiting with a limit, watch, snapshots (wts)
+// --timeout / --no-wait: seconds a section lock take may wait (lock_wait.cpp);
+// below 0, without limit.
+extern double g_lock_timeout;
+void add_lock_wait_options(CLI::App& app);
+// --snapshot FILE (snapshot.cpp): the read path's source switch. While active,
+// read_section, section_size and section_offset read the file, and attach()
+// loads it into a private store for the library's typed accessors.
+extern std::string g_snapshot_path;
+bool snapshot_active();
+Bytes snapshot_read(int section, int32_t offset, int32_t length);
+int32_t snapshot_section_size(int section);
+int64_t snapshot_section_offset(int section);
+void snapshot_attach();
+void add_snapshot_option(CLI::App& app);
+void add_snapshot_commands(CLI::App& app);
+// After parsing: a command that writes refuses --snapshot (status 2).
+void check_snapshot_command(const CLI::App& app);
+void add_watch_command(CLI::App& app);
+// The time, caps and power views' output, for watch (views.cpp).
+void show_time();
+void show_caps();
+void show_power();
+
+// ---------------------------------------------- doctor (doc): find and repair
+void add_doctor_command(CLI::App& app);
 
 }  // namespace shmtool

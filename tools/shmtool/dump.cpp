@@ -14,6 +14,7 @@ constexpr int64_t kDefaultDumpLength = 256;
 
 struct DumpArgs {
     std::string section, offset = "0", length;
+    bool raw = false, force = false;
 };
 struct PokeArgs {
     std::string section, offset, hex;
@@ -25,7 +26,11 @@ void dump(const DumpArgs& args) {
     const int64_t offset = parse_number(args.offset, "OFFSET", 0, size - 1);
     const int64_t length = args.length.empty() ? std::min(size - offset, kDefaultDumpLength)
                                                : parse_number(args.length, "LENGTH", 1, size - offset);
+    if (args.raw && g_options.json) usage_error("--raw and --json exclude each other");
+    if (args.raw) refuse_binary_on_terminal(args.force, "--force");
+    attach_existing();
     const Bytes bytes = read_section(section, static_cast<int32_t>(offset), static_cast<int32_t>(length));
+    if (args.raw) return write_output("-", bytes.data(), bytes.size());
     if (g_options.json) {
         print_json({{"section", section},
                     {"offset", offset},
@@ -48,6 +53,8 @@ void poke(const PokeArgs& args) {
                     " run past the end of section " + std::to_string(section) + " (" + std::to_string(size) +
                     " bytes)");
     write_section(section, static_cast<int32_t>(offset), bytes);
+    if (g_options.json)
+        return print_json({{"section", section}, {"offset", offset}, {"written", bytes.size()}});
     std::printf("wrote %zu bytes to section %d at offset %lld\n", bytes.size(), section,
                 static_cast<long long>(offset));
 }
@@ -60,6 +67,8 @@ void add_dump_commands(CLI::App& app) {
     d->add_option("SECTION", dump_args.section, "Section number 1-33 or name (platform, sdc, ...)")->required();
     d->add_option("OFFSET", dump_args.offset, "Byte offset in the section (decimal or 0x hex), default 0");
     d->add_option("LENGTH", dump_args.length, "Bytes to show; default 256 or up to the section's end");
+    d->add_flag("--raw", dump_args.raw, "The bytes themselves, in binary (refused on a terminal without --force)");
+    d->add_flag("--force", dump_args.force, "With --raw: write binary even to a terminal");
     d->callback([] { set_action([] { dump(dump_args); }); });
 
     static PokeArgs poke_args;

@@ -50,6 +50,7 @@ void print_entry(const json& e) {
 }
 
 void fru_directory() {
+    attach_existing();
     const Bytes dir = read_section(SHM_SEC_FRU_DATA, 0, kDirectoryHeader + 15 * SHM_FRU_MAX_DEVICES);
     const uint16_t count = static_cast<uint16_t>(dir[6] | dir[7] << 8);
     const bool valid = count <= SHM_FRU_MAX_DEVICES;
@@ -93,7 +94,7 @@ FruInfo fru_info(uint32_t id) {
 constexpr int kFruDataTries = 10;
 
 void fru_one(uint32_t id, bool data) {
-    attach();
+    attach_existing();
     FruInfo before = fru_info(id);
     if (!data) {
         const json entry = entry_json(before);
@@ -125,7 +126,7 @@ void fru_one(uint32_t id, bool data) {
 }
 
 void dimm() {
-    attach();
+    attach_existing();
     const int32_t count = getNVDIMMApachePassCount();
     Bytes report(1 + sizeof(DimmWearEntry) * SHM_DIMM_INVENTORY_RECORDS);
     if (const uint32_t r = readDIMMWearLevel(report.data(), static_cast<uint32_t>(report.size())); r != 0)

@@ -1,10 +1,13 @@
-// shmtool sdc init / write / export / clear / register / poll / follow: the
-// ring through the library's SDC calls.
+// shmtool sdc init / write / export / clear / register / unregister / poll /
+// follow: the ring through the library's SDC calls, and (follow
+// --no-register, unregister) through locked reads and writes of section 26.
 #include <signal.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
 #include <ctime>
 
@@ -44,11 +47,18 @@ int register_app(const std::string& name) {
     const int32_t result = Vond_shm_periodic_register_sdc(name.c_str(), &id);
     if (result != 0 || id < 0) {
         const SdcHeader h = read_header();
+        std::string names;
         int taken = 0;
-        for (int slot = 0; slot < SDC_MAX_APPS; ++slot) taken += registered(h, slot);
+        for (int slot = 0; slot < SDC_MAX_APPS; ++slot) {
+            if (!registered(h, slot)) continue;
+            ++taken;
+            names += (names.empty() ? "" : ", ") + ("'" + sdc::name(h, slot) + "'");
+        }
         library_failure("Vond_shm_periodic_register_sdc", result,
-                        taken == SDC_MAX_APPS ? "all 8 application slots are taken"
-                                              : "cannot register (header unreadable or write failed)");
+                        taken == SDC_MAX_APPS
+                            ? "all 8 application slots are taken (by " + names +
+                                  "); free one with: shmtool sdc unregister NAME"
+                            : "cannot register (header unreadable or write failed)");
     }
     return id;
 }
@@ -67,19 +77,184 @@ size_t poll_once(int id, Bytes& buffer) {
     return moved >= length && moved <= SDC_POLL_BUFFER_SIZE ? moved : length;
 }
 
-void follow_loop(int id, double interval, const Sink& sink) {
+namespace {
+
+// Where the writer stands in the byte stream, followed from one header to the
+// next: `end` counts the bytes written since the ring was last seen empty (or
+// cleared), as far as the headers tell. The header keeps only ring indexes,
+// so a writer that went round the ring a whole number of times more between
+// two headers looks the same as one that did not: `end` is a lower bound.
+struct SdcWriterTrack {
+    bool seen = false;
+    bool was_full = false;
+    uint64_t end = 0;  // one past the newest byte
+
+    // Takes a new header; true when it shows the ring was cleared since the
+    // last one (it went back to empty, or Tail went back while filling).
+    bool advance(const SdcHeader& h) {
+        if (!indexes_valid(h))
+            failure("section 26 has Head/Tail out of range (" + std::to_string(h.Head) + "/" +
+                    std::to_string(h.Tail) + "): the ring cannot be followed");
+        bool cleared = false;
+        uint64_t next = 0;
+        switch (shm::sdc::ring_state(h.Head, h.Tail, h.Written)) {
+            case shm::sdc::RingState::kEmpty:
+                cleared = seen && end != 0;
+                break;
+            case shm::sdc::RingState::kFilling:
+                next = uint64_t(h.Tail) + 1;  // not wrapped yet: indexes 0 to Tail
+                cleared = seen && (was_full || next < end);
+                break;
+            case shm::sdc::RingState::kFull: {
+                // The smallest count at or past the last one (and a whole ring
+                // at least) whose ring index is that of Tail + 1.
+                const uint64_t base = std::max<uint64_t>(seen ? end : 0, SDC_RING_SIZE);
+                const uint64_t index = (uint64_t(h.Tail) + 1) & kIndexMask;
+                next = base + ((index - base) & kIndexMask);
+                break;
+            }
+        }
+        seen = true;
+        was_full = shm::sdc::is_full(h.Head, h.Tail);
+        end = next;
+        return cleared;
+    }
+    // The oldest byte the ring still holds.
+    uint64_t oldest(const SdcHeader& h) const { return end - size(h); }
+};
+
+void sdc_report_overrun(uint64_t lost) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "shmtool: overrun: at least %llu bytes were overwritten before they were read\n",
+                 static_cast<unsigned long long>(lost));
+}
+
+void sdc_report_clear() {
+    std::fflush(stdout);
+    std::fprintf(stderr, "shmtool: the SDC ring was cleared; following it from its new start\n");
+}
+
+void sdc_install_stop_handlers() {
     struct sigaction action {};
     action.sa_handler = on_stop_signal;  // no SA_RESTART: a signal ends the sleep
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    Bytes buffer(SDC_POLL_BUFFER_SIZE);
+}
+
+timespec sdc_pause_of(double interval) {
     timespec pause{};
     pause.tv_sec = static_cast<time_t>(interval);
     pause.tv_nsec = static_cast<long>((interval - std::floor(interval)) * 1e9);
+    return pause;
+}
+
+// Ring bytes of stream positions [from, to) (at most a ring), oldest first,
+// in one or two locked reads.
+Bytes sdc_read_stream(uint64_t from, uint64_t to) {
+    const uint32_t start = uint32_t(from & kIndexMask);
+    const uint32_t length = uint32_t(to - from);
+    const uint32_t first = std::min<uint32_t>(length, SDC_RING_SIZE - start);
+    Bytes bytes = read_section(SHM_SEC_SDC, int32_t(start), int32_t(first));
+    if (first < length) {
+        const Bytes rest = read_section(SHM_SEC_SDC, 0, int32_t(length - first));
+        bytes.insert(bytes.end(), rest.begin(), rest.end());
+    }
+    return bytes;
+}
+
+}  // namespace
+
+uint64_t start_back(uint64_t available, const FollowStart& start) {
+    if (start.from_now) return 0;
+    if (start.back >= 0) return std::min<uint64_t>(available, uint64_t(start.back));
+    return available;
+}
+
+void follow_loop(int id, double interval, const FollowStart& start, const StreamSink& sink) {
+    sdc_install_stop_handlers();
+    const timespec pause = sdc_pause_of(interval);
+    Bytes buffer(SDC_POLL_BUFFER_SIZE);
+    SdcWriterTrack writer;
+    const SdcHeader first = read_header();
+    writer.advance(first);
+    // The stream position after the last byte the slot has been given. On an
+    // empty ring a new slot's iLast (0) already stands for index 0, which it
+    // is never given: its first byte is that at index 1.
+    uint64_t delivered =
+        ring_empty(first) ? 1 : writer.end - (last_in_range(first, id) ? behind(first, id) : 0);
+    bool first_round = true;
     for (;;) {
         const bool last_round = g_stop != 0;
-        if (const size_t n = poll_once(id, buffer); n > 0) sink(buffer.data(), n);
+        const bool cleared = writer.advance(read_header());
+        const size_t n = poll_once(id, buffer);
+        const SdcHeader after = read_header();
+        const bool cleared_after = writer.advance(after);
+        // Where the library's poll ended: its Tail, now the slot's iLast.
+        const uint64_t poll_end = writer.end - shm::sdc::ring_distance(last(after, id), after.Tail);
+        const bool was_cleared = cleared || cleared_after;
+        if (was_cleared) {
+            sdc_report_clear();
+        } else if (poll_end > delivered + n) {
+            sdc_report_overrun(poll_end - delivered - n);
+        }
+        size_t skip = 0;
+        if (first_round) skip = n - size_t(start_back(n, start));  // --from-now, -n: older bytes dropped
+        // The poll that follows a clear hands over bytes from before it (see
+        // libshm_sdc(3)): they continue the old stream.
+        const uint64_t offset = was_cleared ? delivered + skip : poll_end - (n - skip);
+        if (n > skip) sink(offset, buffer.data() + skip, n - skip);
+        // An empty ring: the slot's next byte is again that at index 1.
+        delivered = ring_empty(after) ? 1 : poll_end;
+        first_round = false;
+        if (last_round) return;
+        nanosleep(&pause, nullptr);
+    }
+}
+
+void follow_header_loop(double interval, const FollowStart& start, const StreamSink& sink) {
+    sdc_install_stop_handlers();
+    const timespec pause = sdc_pause_of(interval);
+    SdcWriterTrack writer;
+    SdcHeader h = read_header();
+    writer.advance(h);
+    uint64_t next = writer.end - start_back(size(h), start);  // the next stream position to deliver
+    for (bool first_round = true;; first_round = false) {
+        const bool last_round = g_stop != 0;
+        if (!first_round) {
+            h = read_header();
+            if (writer.advance(h)) {
+                sdc_report_clear();
+                next = writer.oldest(h);
+            }
+        }
+        if (next < writer.oldest(h)) {
+            sdc_report_overrun(writer.oldest(h) - next);
+            next = writer.oldest(h);
+        }
+        if (next < writer.end) {
+            const uint64_t end = writer.end;
+            const Bytes bytes = sdc_read_stream(next, end);
+            // The writer may have gone on while the bytes were read: what it
+            // has overwritten since (by the header read after them) is dropped.
+            const SdcHeader again = read_header();
+            uint64_t from = next;
+            if (writer.advance(again)) {
+                sdc_report_clear();
+                next = writer.oldest(again);
+                h = again;
+                continue;  // the bytes may mix old and new content: read again
+            }
+            if (const uint64_t valid_from = writer.end > SDC_RING_SIZE ? writer.end - SDC_RING_SIZE : 0;
+                valid_from > from) {
+                const uint64_t lost = std::min(valid_from, end) - from;
+                sdc_report_overrun(lost);
+                from += lost;
+            }
+            if (from < end) sink(from, bytes.data() + (from - next), size_t(end - from));
+            next = end;
+            h = again;
+        }
         if (last_round) return;
         nanosleep(&pause, nullptr);
     }
@@ -101,8 +276,16 @@ uint32_t write_all(const Bytes& bytes) {
 
 namespace {
 
-void init() {
+void init(bool force) {
     attach();
+    // The library restores a valid image over whatever the section holds and
+    // says little about a file it passed over: the file is checked here first.
+    const std::string problem = image_problem(SDC_RECOVERY_FILE, nullptr);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "shmtool: no recovery image restored: %s\n", problem.c_str());
+    } else if (!force) {
+        refuse_restore_over_data(read_header(), SDC_RECOVERY_FILE);
+    }
     // Only the library's messages tell what became of the recovery file: a
     // copy that started, and whether it stopped part-way (a short read or a
     // failed write), after which the library checks the header and returns 0
@@ -121,6 +304,9 @@ void init() {
     if (result != 0)
         library_failure("Vond_shm_init_sdc", result,
                         "section 26 header unreadable or not repairable" + (copy_failed ? " (" + partly + ")" : ""));
+    if (problem.empty() && !copy_started)
+        std::fprintf(stderr, "shmtool: no recovery image restored: the library passed over %s (it changed after "
+                             "the check?; -v shows why)\n", SDC_RECOVERY_FILE);
     const SdcHeader h = read_header();
     std::printf("SDC ready: %s; ring %s, %u bytes held\n",
                 copy_failed   ? (partly + ", header checked").c_str()
@@ -139,8 +325,12 @@ void write_command(const std::string& path) {
     std::printf("wrote %u bytes to the SDC ring\n", written);
 }
 
+bool g_export_force = false;  // binary ring bytes to a terminal, asked for
+
 void export_command(const std::string& path) {
-    attach();
+    // Binary to a terminal only when asked for; checked before the store is touched.
+    if (path == "-" && !g_options.json) refuse_binary_on_terminal(g_export_force, "--force");
+    attach_existing();
     Bytes buffer(SDC_EXPORT_BUFFER_SIZE);
     uint32_t length = 0;
     const int32_t result = Vond_shm_export_sdc(&length, buffer.data());
@@ -164,13 +354,64 @@ void poll_command(const std::string& name) {
     emit("-", buffer, n, {{"name", name}, {"id", id}});
 }
 
-void follow_command(const std::string& name, double interval) {
+void unregister_command(const std::string& name) {
+    check_name(name);
+    const int id = find(read_header(), name);
+    if (id < 0) failure("application '" + name + "' is not registered (shmtool sdc status lists the registered ones)");
+    const int32_t offset = SDC_HEADER_OFFSET + int32_t(offsetof(SdcHeader, SDCAppTable)) + id * int32_t(sizeof(SdcAppEntry));
+    write_section(SHM_SEC_SDC, offset, Bytes(sizeof(SdcAppEntry), 0));
+    std::printf("%s unregistered (id %d is free)\n", name.c_str(), id);
+}
+
+// "2026-01-31T12:34:56.789+01:00", local time with its offset, or UTC ("Z").
+std::string sdc_iso_time(bool utc) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    tm parts{};
+    if ((utc ? gmtime_r(&now.tv_sec, &parts) : localtime_r(&now.tv_sec, &parts)) == nullptr) return "?";
+    char date[32], zone[8] = "Z";
+    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
+    if (!utc && std::strftime(zone, sizeof zone, "%z", &parts) == 5) {
+        zone[6] = 0, zone[5] = zone[4], zone[4] = zone[3], zone[3] = ':';  // +hhmm -> +hh:mm
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%s.%03ld%s", date, static_cast<long>(now.tv_usec / 1000), zone);
+    return text;
+}
+
+struct FollowOptions {
+    bool no_register = false;
+    bool timestamps = false;
+    FollowStart start;
+};
+
+void follow_command(const std::string& name, double interval, const FollowOptions& options) {
+    bool line_start = true;
+    const StreamSink sink = [&](uint64_t offset, const uint8_t* bytes, size_t n) {
+        if (g_options.json) {
+            const json doc = {{"schema", 1}, {"time", sdc_iso_time(true)}, {"offset", offset},
+                              {"length", n}, {"data_hex", hex_string(bytes, n)}};
+            std::printf("%s\n", doc.dump().c_str());
+        } else if (options.timestamps) {
+            // Each line starts with the arrival time of its first byte.
+            const std::string stamp = sdc_iso_time(false) + " ";
+            for (size_t i = 0; i < n; ++i) {
+                if (line_start) std::fputs(stamp.c_str(), stdout);
+                std::putc(bytes[i], stdout);
+                line_start = bytes[i] == '\n';
+            }
+        } else {
+            std::fwrite(bytes, 1, n, stdout);
+        }
+        check_output();  // a reader that went away ends the follow
+    };
+    if (options.no_register) {
+        std::fprintf(stderr, "shmtool: following the SDC ring without an application slot; interrupt to stop\n");
+        return follow_header_loop(interval, options.start, sink);
+    }
     const int id = register_app(name);
     std::fprintf(stderr, "shmtool: following the SDC ring as '%s' (id %d); interrupt to stop\n", name.c_str(), id);
-    follow_loop(id, interval, [](const uint8_t* bytes, size_t n) {
-        std::fwrite(bytes, 1, n, stdout);
-        check_output();  // a reader that went away ends the follow
-    });
+    follow_loop(id, interval, options.start, sink);
 }
 
 }  // namespace
@@ -181,9 +422,13 @@ namespace shmtool {
 void add_sdc_commands(CLI::App& app) {
     static std::string path = "-", name;
     static double interval = 0.5;
+    static bool init_force = false;
+    static sdc::FollowOptions follow_options;
     using namespace sdc;
-    app.add_subcommand("init", "Restore section 26 from " SDC_RECOVERY_FILE " when valid, else check and sign it")
-        ->callback([] { set_action(init); });
+    CLI::App* i = app.add_subcommand(
+        "init", "Restore section 26 from " SDC_RECOVERY_FILE " when valid and the ring empty, else check and sign it");
+    i->add_flag("--force", init_force, "Restore a valid image even over a ring that holds data");
+    i->callback([] { set_action([] { init(init_force); }); });
 
     CLI::App* w = app.add_subcommand("write", "Append the bytes of FILE (or stdin) to the ring");
     w->add_option("FILE", path, "Input file, '-' for stdin (default)");
@@ -191,6 +436,7 @@ void add_sdc_commands(CLI::App& app) {
 
     CLI::App* e = app.add_subcommand("export", "Copy the whole ring, oldest byte first, to FILE (or stdout)");
     e->add_option("FILE", path, "Output file, '-' for stdout (default)");
+    e->add_flag("--force", g_export_force, "Write the binary bytes even when stdout is a terminal");
     e->callback([] { set_action([] { export_command(path); }); });
 
     app.add_subcommand("clear", "Empty the ring (applications and signature stay)")->callback([] {
@@ -203,15 +449,35 @@ void add_sdc_commands(CLI::App& app) {
         set_action([] { std::printf("%s has id %d\n", name.c_str(), register_app(name)); });
     });
 
+    CLI::App* u = app.add_subcommand("unregister", "Free an application's slot (its name and read position)");
+    u->add_option("NAME", name, "A registered application's name")->required();
+    u->callback([] { set_action([] { unregister_command(name); }); });
+
     CLI::App* p = app.add_subcommand("poll", "Print the bytes written since the application's last poll");
     p->add_option("NAME", name, "A registered application's name")->required();
     p->callback([] { set_action([] { poll_command(name); }); });
 
     CLI::App* f = app.add_subcommand("follow", "Register, then stream new bytes to stdout until interrupted");
-    f->add_option("NAME", name, "Application name, 1 to 20 bytes")->required();
+    f->add_option("NAME", name, "Application name, 1 to 20 bytes (none with --no-register)");
     f->add_option("-i,--interval", interval, "Seconds between polls (default 0.5)")
         ->check(CLI::Range(0.01, 3600.0));
-    f->callback([] { set_action([] { follow_command(name, interval); }); });
+    f->add_flag("--no-register", follow_options.no_register,
+                "Follow through the header alone, taking no application slot");
+    CLI::Option* from_now = f->add_flag("--from-now", follow_options.start.from_now,
+                                        "Start at the end: print nothing already in the ring");
+    f->add_option("-n,--bytes", follow_options.start.back, "Start BYTES bytes back from the end")
+        ->check(CLI::Range(int64_t(0), int64_t(SDC_RING_SIZE)))
+        ->excludes(from_now);
+    f->add_flag("--timestamps", follow_options.timestamps,
+                "Start each line with the local time its first byte arrived (ISO 8601)");
+    f->callback([] {
+        set_action([] {
+            if (follow_options.no_register && !name.empty()) usage_error("--no-register takes no NAME");
+            if (!follow_options.no_register && name.empty()) usage_error("follow needs a NAME, or --no-register");
+            if (!follow_options.no_register) check_name(name);
+            follow_command(name, interval, follow_options);
+        });
+    });
 }
 
 }  // namespace shmtool

@@ -1,10 +1,11 @@
-// shmtool sdc status / save: the SDC section read as a whole. Both work from
-// locked reads of section 26 alone.
+// shmtool sdc status / save / restore: the SDC section read and written as a
+// whole, through locked reads and writes of section 26 alone.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -51,6 +52,77 @@ uint32_t last(const SdcHeader& h, int slot) {
 
 uint32_t behind(const SdcHeader& h, int slot) { return shm::sdc::ring_distance(last(h, slot), h.Tail); }
 
+bool last_in_range(const SdcHeader& h, int slot) { return last(h, slot) < SDC_RING_SIZE; }
+
+bool ring_empty(const SdcHeader& h) { return h.Head == 0 && h.Tail == 0 && h.Written == 0; }
+
+namespace {
+
+const char* sdc_image_file_type(mode_t mode) {
+    switch (mode & S_IFMT) {
+        case S_IFIFO: return "a FIFO";
+        case S_IFDIR: return "a directory";
+        case S_IFCHR: return "a character device";
+        case S_IFBLK: return "a block device";
+        case S_IFSOCK: return "a socket";
+        default: return "not a regular file";
+    }
+}
+
+// Reads exactly `length` bytes at `offset`; false on a short read or error.
+bool sdc_image_pread(int fd, uint8_t* to, size_t length, off_t offset) {
+    size_t done = 0;
+    while (done < length) {
+        const ssize_t n = pread(fd, to + done, length - done, offset + static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string image_problem(const std::string& path, Bytes* image) {
+    // O_NONBLOCK: a FIFO without a writer must not hold the command in open().
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return errno == ENOENT ? path + " does not exist" : "cannot open " + path + ": " + std::strerror(errno);
+    std::string problem;
+    struct stat status {};
+    char signature[sizeof SdcHeader{}.Signature] = {};
+    const off_t signature_offset = SDC_HEADER_OFFSET + offsetof(SdcHeader, Signature);
+    if (fstat(fd, &status) != 0) {
+        problem = "cannot examine " + path + ": " + std::strerror(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        problem = path + " is not a regular file (" + sdc_image_file_type(status.st_mode) + ")";
+    } else if (status.st_size != SDC_RECOVERY_FILE_SIZE) {
+        problem = path + " is " + std::to_string(status.st_size) + " bytes, not " +
+                  std::to_string(SDC_RECOVERY_FILE_SIZE) + " (an image of the whole section)";
+    } else if (!sdc_image_pread(fd, reinterpret_cast<uint8_t*>(signature), sizeof signature, signature_offset)) {
+        problem = "cannot read the signature of " + path;
+    } else if (std::memcmp(signature, SDC_SIGNATURE, sizeof signature) != 0) {
+        problem = path + " has no valid signature (\"" + printable(signature, sizeof signature) + "\" at offset " +
+                  std::to_string(signature_offset) + ", not \"" SDC_SIGNATURE "\")";
+    } else if (image != nullptr) {
+        image->assign(SDC_RECOVERY_FILE_SIZE, 0);
+        uint8_t extra = 0;
+        if (!sdc_image_pread(fd, image->data(), image->size(), 0) ||
+            pread(fd, &extra, 1, SDC_RECOVERY_FILE_SIZE) != 0)
+            problem = path + " changed size while it was read";
+    }
+    close(fd);
+    return problem;
+}
+
+void refuse_restore_over_data(const SdcHeader& h, const std::string& image_path) {
+    if (ring_empty(h)) return;
+    failure("the SDC ring is not empty (" + std::string(state(h)) + ", " + std::to_string(size(h)) +
+            " bytes held): restoring " + image_path +
+            " would replace them; nothing was changed (shmtool sdc save FILE keeps them; --force restores "
+            "anyway)");
+}
+
 int find(const SdcHeader& h, const std::string& wanted) {
     for (int slot = 0; slot < SDC_MAX_APPS; ++slot)
         if (registered(h, slot) && std::strncmp(wanted.c_str(), h.SDCAppTable[slot].Name, SDC_APP_NAME_SIZE) == 0)
@@ -71,7 +143,8 @@ json status_json(const SdcHeader& h) {
         if (registered(h, slot)) {
             app["name"] = name(h, slot);
             app["last"] = last(h, slot);
-            app["behind"] = indexes_valid(h) ? json(behind(h, slot)) : json(nullptr);
+            app["last_in_range"] = last_in_range(h, slot);
+            app["behind"] = indexes_valid(h) && last_in_range(h, slot) ? json(behind(h, slot)) : json(nullptr);
         }
         apps.push_back(app);
     }
@@ -102,7 +175,9 @@ void print_status(const json& doc) {
         const unsigned last_index = app["last"];
         std::printf("  %2d  %-24s 0x%05x (%6u)   %s\n", app["id"].get<int>(), app["name"].get<std::string>().c_str(),
                     last_index, last_index,
-                    app["behind"].is_null() ? "?" : std::to_string(app["behind"].get<unsigned>()).c_str());
+                    !app["last_in_range"].get<bool>() ? "out of range (its polls fail)"
+                    : app["behind"].is_null()         ? "?"
+                                                      : std::to_string(app["behind"].get<unsigned>()).c_str());
     }
 }
 
@@ -162,6 +237,26 @@ void save(const std::string& path, bool force) {
                 size(h), path.c_str());
 }
 
+// The image goes over the whole section in one locked write: a reader of
+// section 26 sees the old section or the restored one, never a mix.
+void restore(const std::string& path, bool force) {
+    if (section_size(SHM_SEC_SDC) != SDC_RECOVERY_FILE_SIZE)
+        failure("section 26 is " + std::to_string(section_size(SHM_SEC_SDC)) + " bytes, not the image's " +
+                std::to_string(SDC_RECOVERY_FILE_SIZE));
+    Bytes image;
+    if (const std::string problem = image_problem(path, &image); !problem.empty())
+        usage_error("not restored: " + problem);
+    SdcHeader saved;
+    std::memcpy(&saved, image.data() + SDC_HEADER_OFFSET, sizeof saved);
+    if (!force && !indexes_valid(saved))
+        usage_error("not restored: " + path +
+                    " has Head/Tail out of range, which would break every SDC call (--force restores it anyway)");
+    if (!force) refuse_restore_over_data(read_header(), path);
+    write_section(SHM_SEC_SDC, 0, image);
+    std::printf("restored section %d from %s (ring %s, %u bytes held)\n", SHM_SEC_SDC, path.c_str(), state(saved),
+                size(saved));
+}
+
 }  // namespace
 }  // namespace shmtool::sdc
 
@@ -171,6 +266,7 @@ void add_sdc_image_commands(CLI::App& sdc_app) {
     sdc_app.add_subcommand("status", "State, Head/Tail/Written, size, signature, applications and their lag")
         ->callback([] {
             set_action([] {
+                attach_existing();  // a read-only command never creates the store
                 const json doc = sdc::status_json(sdc::read_header());
                 if (g_options.json) print_json(doc);
                 else sdc::print_status(doc);
@@ -184,6 +280,16 @@ void add_sdc_image_commands(CLI::App& sdc_app) {
     s->add_option("FILE", path, "Where to write the image, e.g. " SDC_RECOVERY_FILE)->required();
     s->add_flag("--force", force, "Save even a section without signature or with indexes out of range");
     s->callback([] { set_action([] { sdc::save(path, force); }); });
+
+    static std::string restore_path;
+    static bool restore_force = false;
+    CLI::App* r = sdc_app.add_subcommand(
+        "restore", "Write an image saved by sdc save back over section 26 (only over an empty ring)");
+    r->add_option("FILE", restore_path, "The image, " + std::to_string(SDC_RECOVERY_FILE_SIZE) + " bytes")
+        ->required();
+    r->add_flag("--force", restore_force,
+                "Restore over a ring that holds data, or an image whose Head/Tail are out of range");
+    r->callback([] { set_action([] { sdc::restore(restore_path, restore_force); }); });
 }
 
 }  // namespace shmtool

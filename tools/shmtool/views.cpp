@@ -53,7 +53,7 @@ json bits_array(uint32_t word) {
 // ------------------------------------------------------------- platform
 
 json collect_platform() {
-    attach();
+    attach_existing();
     json record;
     const uint32_t platform_type = Vond_get_platform_type();
     record["platform_type"] = platform_type;
@@ -128,7 +128,7 @@ void print_platform(const json& doc) {
 // ----------------------------------------------------------------- time
 
 json collect_time() {
-    attach();
+    attach_existing();
     uint32_t eop = 0;
     if (const int32_t r = Vond_get_EOPTime(&eop); r != 0)
         library_failure("Vond_get_EOPTime", r, "cannot read the EOP time (section 9)");
@@ -138,14 +138,16 @@ json collect_time() {
     char collected[32] = "";
     if (const int32_t r = Vond_get_OSDataCollectionDate(collected); r != 0)
         library_failure("Vond_get_OSDataCollectionDate", r, "cannot read the OS data section (19)");
-    return {{"eop_time", eop},
+    return {{"eop_time", eop == 0 ? json(nullptr) : json(iso_time(eop))},
+            {"eop_time_seconds", eop},
             {"boot_time", eop == 0 ? json(nullptr) : json(boot)},
             {"uptime_seconds", eop == 0 ? json(nullptr) : json(Vond_get_SysUpTime())},
             {"os_data_collection_date", collected}};
 }
 
 void print_time(const json& doc) {
-    std::printf("%-24s %u%s\n", "EOP time", doc["eop_time"].get<unsigned>(), doc["eop_time"] == 0 ? " (not set)" : "");
+    const unsigned eop = doc["eop_time_seconds"];
+    std::printf("%-24s %u%s\n", "EOP time", eop, eop == 0 ? " (not set)" : "");
     if (!doc["boot_time"].is_null()) {
         const int uptime = doc["uptime_seconds"];
         std::printf("%-24s %s\n", "boot time", doc["boot_time"].get<std::string>().c_str());
@@ -158,7 +160,7 @@ void print_time(const json& doc) {
 // ------------------------------------------------------------ capability words
 
 json collect_caps() {
-    attach();
+    attach_existing();
     json words = json::array();
     for (uint32_t index = 0; index < 9; ++index) {
         uint16_t value = 0;
@@ -190,7 +192,7 @@ const char* vr_state(int code) {
 }
 
 json collect_vr() {
-    attach();
+    attach_existing();
     auto lookup = [](uint32_t type, uint32_t count) {
         json list = json::array();
         for (uint32_t index = 0; index < count; ++index) {
@@ -212,7 +214,7 @@ void print_vr(const json& doc) {
 // ---------------------------------------------------------------- power
 
 json collect_power() {
-    attach();
+    attach_existing();
     uint8_t form_factor = 0;
     if (const int32_t r = Get_blade_form_factor(&form_factor); r != 0)
         library_failure("Get_blade_form_factor", r, "cannot read the blade section (16)");
@@ -252,6 +254,11 @@ void show_platform() {
     if (g_options.json) print_json(doc);
     else print_platform(doc);
 }
+
+// For watch (wts): the text views of the time, caps and power commands.
+void show_time() { print_time(collect_time()); }
+void show_caps() { print_caps(collect_caps()); }
+void show_power() { print_power(collect_power()); }
 
 void add_view_commands(CLI::App& app) {
     add_view(app, "platform", "Identity record, progress bits, every predicate, product type", collect_platform,

@@ -1,0 +1,181 @@
+#include "ipc_state.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/sem.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace shmtool {
+
+std::string process_name(int pid) {
+    if (pid <= 0) return "";
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/comm", pid);
+    FILE* file = std::fopen(path, "r");
+    if (file == nullptr) return "";
+    char name[64] = {};
+    const bool read = std::fgets(name, sizeof name, file) != nullptr;
+    std::fclose(file);
+    if (!read) return "";
+    name[std::strcspn(name, "\n")] = '\0';
+    return name;
+}
+
+std::string describe_pid(int pid) {
+    const std::string name = process_name(pid);
+    return "pid " + std::to_string(pid) + " (" + (name.empty() ? "gone" : name) + ")";
+}
+
+namespace {
+
+// The small /proc file at `path`, or "" when it cannot be read.
+std::string ipc_state_read_small(const char* path) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return "";
+    char buffer[512];
+    ssize_t n;
+    do n = read(fd, buffer, sizeof buffer - 1);
+    while (n < 0 && errno == EINTR);
+    close(fd);
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+}
+
+bool ipc_state_numeric(const char* name) {
+    if (*name == 0) return false;
+    for (const char* c = name; *c != 0; ++c)
+        if (!std::isdigit(static_cast<unsigned char>(*c))) return false;
+    return true;
+}
+
+// The numeric entries of a /proc directory.
+std::vector<int> ipc_state_ids(const char* path) {
+    std::vector<int> ids;
+    DIR* dir = opendir(path);
+    if (dir == nullptr) return ids;
+    while (const dirent* entry = readdir(dir))
+        if (ipc_state_numeric(entry->d_name)) ids.push_back(std::atoi(entry->d_name));
+    closedir(dir);
+    return ids;
+}
+
+// A thread's blocked call: the semaphore set, its sembuf array and count, when
+// the thread sits in semop or semtimedop (or the ipc multiplexer's forms).
+struct IpcStateBlockedCall {
+    long sem_id = -1;
+    unsigned long ops = 0;
+    unsigned long count = 0;
+};
+
+bool ipc_state_parse_syscall(const std::string& text, IpcStateBlockedCall& call) {
+    // "NR 0xARG1 ... 0xARG6 0xSP 0xPC" while blocked in a call; "running" or
+    // "-1 SP PC" otherwise.
+    long number = 0;
+    unsigned long a[6] = {};
+    if (std::sscanf(text.c_str(), "%ld %lx %lx %lx %lx %lx %lx", &number, &a[0], &a[1], &a[2], &a[3], &a[4],
+                    &a[5]) != 7)
+        return false;
+    bool semaphore_call = false;
+#ifdef SYS_semop
+    semaphore_call = semaphore_call || number == SYS_semop;
+#endif
+#ifdef SYS_semtimedop
+    semaphore_call = semaphore_call || number == SYS_semtimedop;
+#endif
+#ifdef SYS_semtimedop_time64
+    semaphore_call = semaphore_call || number == SYS_semtimedop_time64;
+#endif
+    if (semaphore_call) {
+        call.sem_id = static_cast<long>(static_cast<int>(a[0]));
+        call.ops = a[1];
+        call.count = a[2];
+        return true;
+    }
+#ifdef SYS_ipc
+    // ipc(call, first, second, third, ptr, fifth): SEMOP 1, SEMTIMEDOP 4.
+    if (number == SYS_ipc && ((a[0] & 0xffff) == 1 || (a[0] & 0xffff) == 4)) {
+        call.sem_id = static_cast<long>(static_cast<int>(a[1]));
+        call.ops = a[4];
+        call.count = a[2];
+        return true;
+    }
+#endif
+    return false;
+}
+
+// The members the call's operations decrease, read from the process's memory;
+// empty when the memory cannot be read.
+std::vector<int> ipc_state_call_members(int pid, const IpcStateBlockedCall& call) {
+    std::vector<int> members;
+    constexpr unsigned long kMostOps = 64;
+    if (call.count == 0 || call.count > kMostOps || call.ops == 0) return members;
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/mem", pid);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return members;
+    sembuf ops[kMostOps];
+    const size_t bytes = call.count * sizeof(sembuf);
+    const bool read = pread(fd, ops, bytes, static_cast<off_t>(call.ops)) == static_cast<ssize_t>(bytes);
+    close(fd);
+    if (!read) return members;
+    for (unsigned long i = 0; i < call.count; ++i) {
+        const int member = ops[i].sem_num;
+        if (ops[i].sem_op < 0 && std::find(members.begin(), members.end(), member) == members.end())
+            members.push_back(member);
+    }
+    std::sort(members.begin(), members.end());
+    return members;
+}
+
+}  // namespace
+
+bool process_alive(int pid) {
+    if (pid <= 0) return false;
+    if (kill(pid, 0) != 0 && errno == ESRCH) return false;
+    // "PID (comm) S ...": the state follows the last ')'.
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    const std::string stat = ipc_state_read_small(path);
+    const size_t close_paren = stat.rfind(')');
+    if (close_paren == std::string::npos || close_paren + 2 >= stat.size()) return true;  // exists, unreadable
+    const char state = stat[close_paren + 2];
+    return state != 'Z' && state != 'X';
+}
+
+std::vector<SemaphoreWaiter> semaphore_waiters(int sem_id) {
+    std::vector<SemaphoreWaiter> waiters;
+    if (sem_id < 0) return waiters;
+    const int self = static_cast<int>(getpid());
+    for (const int pid : ipc_state_ids("/proc")) {
+        if (pid == self) continue;
+        char path[96];
+        std::snprintf(path, sizeof path, "/proc/%d/task", pid);
+        SemaphoreWaiter waiter;
+        bool waits = false;
+        for (const int tid : ipc_state_ids(path)) {
+            std::snprintf(path, sizeof path, "/proc/%d/task/%d/syscall", pid, tid);
+            IpcStateBlockedCall call;
+            if (!ipc_state_parse_syscall(ipc_state_read_small(path), call) || call.sem_id != sem_id) continue;
+            waits = true;
+            for (const int member : ipc_state_call_members(pid, call))
+                if (std::find(waiter.members.begin(), waiter.members.end(), member) == waiter.members.end())
+                    waiter.members.push_back(member);
+        }
+        if (!waits) continue;
+        waiter.pid = pid;
+        waiter.name = process_name(pid);
+        std::sort(waiter.members.begin(), waiter.members.end());
+        waiters.push_back(std::move(waiter));
+    }
+    return waiters;
+}
+
+}  // namespace shmtool

@@ -1,0 +1,31 @@
+// The processes behind the store's System V objects, read from /proc without
+// attaching and without taking any lock: who holds a lock, who waits for it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace shmtool {
+
+// The process's name (/proc/PID/comm), or "" when there is no such process.
+std::string process_name(int pid);
+// "pid 812 (fand)", or "pid 812 (gone)" when no such process exists.
+std::string describe_pid(int pid);
+// Whether the process exists and has not exited. A zombie counts as gone: the
+// kernel applied its SEM_UNDO adjustments when it exited.
+bool process_alive(int pid);
+
+// A process blocked in semop or semtimedop on one semaphore set.
+struct SemaphoreWaiter {
+    int pid = 0;                // the process (thread group)
+    std::string name;           // its name, from /proc/PID/comm
+    std::vector<int> members;   // the members its blocked call decreases; empty when unknown
+};
+// Every process of this PID namespace that this user may inspect with one
+// thread blocked in semop/semtimedop on `sem_id`, from /proc/PID/task/TID/
+// syscall (call number and arguments) and /proc/PID/mem (the sembuf array the
+// call was given). A process whose /proc files cannot be read is not listed,
+// so the kernel's GETNCNT count may be larger than the list.
+std::vector<SemaphoreWaiter> semaphore_waiters(int sem_id);
+
+}  // namespace shmtool
