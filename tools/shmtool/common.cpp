@@ -311,6 +311,11 @@ void finish_output() {
     if (close(STDOUT_FILENO) != 0 && errno != EBADF && !g_output_failure_told) output_failure(errno);
 }
 
+void print_result(const json& document, const std::string& text) {
+    if (g_options.json) print_json(document);
+    else std::printf("%s\n", text.c_str());
+}
+
 void print_json(const json& document) {
     // "schema" leads every document; one that sets it already keeps its own.
     if (!document.is_object() || (!document.empty() && document.begin().key() == "schema")) {

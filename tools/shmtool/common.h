@@ -96,6 +96,9 @@ void finish_output();
 // Prints one document with "schema": 1 as its first field. JSON conventions:
 // times are ISO 8601 in UTC (iso_time), modes octal strings (mode_string).
 void print_json(const json& document);
+// What a command that changes the store did: `document` under --json, else
+// the line `text`.
+void print_result(const json& document, const std::string& text);
 std::string iso_time(int64_t seconds);   // "2026-11-23T12:00:00Z"; JSON null is the caller's for "never"
 std::string mode_string(unsigned mode);  // "0666"
 // Binary on standard output: refused (status 2) when it is a terminal unless

@@ -150,7 +150,12 @@ void add_demo_command(CLI::App& app) {
     CLI::App* d = app.add_subcommand("demo", "Tour of the store's main job on a private store");
     d->add_option("-n,--records", records, "SDC records the producer writes (default 5)")->check(CLI::Range(1, 1000));
     d->add_option("-i,--interval", interval, "Seconds between records (default 0.2)")->check(CLI::Range(0.01, 10.0));
-    d->callback([] { set_action([] { demo(records, interval); }); });
+    // A tour for people: its output is the other commands' text, with no
+    // document of its own, so --json is refused as watch refuses it.
+    d->callback([] {
+        if (g_options.json) usage_error("demo has no JSON form (it is a tour; run the commands it shows with --json)");
+        set_action([] { demo(records, interval); });
+    });
 }
 
 }  // namespace shmtool

@@ -308,21 +308,22 @@ void init(bool force) {
         std::fprintf(stderr, "shmtool: no recovery image restored: the library passed over %s (it changed after "
                              "the check?; -v shows why)\n", SDC_RECOVERY_FILE);
     const SdcHeader h = read_header();
-    std::printf("SDC ready: %s; ring %s, %u bytes held\n",
-                copy_failed   ? (partly + ", header checked").c_str()
-                : copy_started ? "restored from " SDC_RECOVERY_FILE
-                               : "header checked (no recovery image restored)",
-                state(h), size(h));
+    const std::string how = copy_failed   ? partly + ", header checked"
+                            : copy_started ? "restored from " SDC_RECOVERY_FILE
+                                           : "header checked (no recovery image restored)";
+    print_result({{"restored", copy_started && !copy_failed}, {"restore_failed_part_way", copy_failed},
+                  {"state", state(h)}, {"size", size(h)}},
+                 "SDC ready: " + how + "; ring " + state(h) + ", " + std::to_string(size(h)) + " bytes held");
 }
 
 void write_command(const std::string& path) {
     const Bytes bytes = read_input(path);
     if (bytes.empty()) {
-        std::printf("nothing to write (empty input)\n");
+        print_result({{"written", 0}}, "nothing to write (empty input)");
         return;
     }
     const uint32_t written = write_all(bytes);
-    std::printf("wrote %u bytes to the SDC ring\n", written);
+    print_result({{"written", written}}, "wrote " + std::to_string(written) + " bytes to the SDC ring");
 }
 
 bool g_export_force = false;  // binary ring bytes to a terminal, asked for
@@ -342,7 +343,7 @@ void clear() {
     attach();
     const int32_t result = Vond_shm_clear_sdc();
     if (result != 0) library_failure("Vond_shm_clear_sdc", result, "clear failed (header unreadable?)");
-    std::printf("SDC ring cleared (applications and their read positions kept)\n");
+    print_result({{"cleared", true}}, "SDC ring cleared (applications and their read positions kept)");
 }
 
 void poll_command(const std::string& name) {
@@ -360,7 +361,8 @@ void unregister_command(const std::string& name) {
     if (id < 0) failure("application '" + name + "' is not registered (shmtool sdc status lists the registered ones)");
     const int32_t offset = SDC_HEADER_OFFSET + int32_t(offsetof(SdcHeader, SDCAppTable)) + id * int32_t(sizeof(SdcAppEntry));
     write_section(SHM_SEC_SDC, offset, Bytes(sizeof(SdcAppEntry), 0));
-    std::printf("%s unregistered (id %d is free)\n", name.c_str(), id);
+    print_result({{"name", name}, {"id", id}, {"unregistered", true}},
+                 name + " unregistered (id " + std::to_string(id) + " is free)");
 }
 
 // "2026-01-31T12:34:56.789+01:00", local time with its offset, or UTC ("Z").
@@ -446,7 +448,10 @@ void add_sdc_commands(CLI::App& app) {
     CLI::App* r = app.add_subcommand("register", "Register an application; prints its id");
     r->add_option("NAME", name, "Application name, 1 to 20 bytes")->required();
     r->callback([] {
-        set_action([] { std::printf("%s has id %d\n", name.c_str(), register_app(name)); });
+        set_action([] {
+            const int id = register_app(name);
+            print_result({{"name", name}, {"id", id}}, name + " has id " + std::to_string(id));
+        });
     });
 
     CLI::App* u = app.add_subcommand("unregister", "Free an application's slot (its name and read position)");

@@ -233,8 +233,9 @@ void save(const std::string& path, bool force) {
         failure("section 26 has Head/Tail out of range; a restored image would break every SDC call (--force "
                 "saves it anyway)");
     write_atomically(path, image);
-    std::printf("saved section %d (%zu bytes, ring %s, %u bytes held) to %s\n", SHM_SEC_SDC, image.size(), state(h),
-                size(h), path.c_str());
+    print_result({{"file", path}, {"bytes", image.size()}, {"state", state(h)}, {"size", size(h)}},
+                 "saved section " + std::to_string(SHM_SEC_SDC) + " (" + std::to_string(image.size()) + " bytes, ring " +
+                     state(h) + ", " + std::to_string(size(h)) + " bytes held) to " + path);
 }
 
 // The image goes over the whole section in one locked write: a reader of
@@ -253,8 +254,9 @@ void restore(const std::string& path, bool force) {
                     " has Head/Tail out of range, which would break every SDC call (--force restores it anyway)");
     if (!force) refuse_restore_over_data(read_header(), path);
     write_section(SHM_SEC_SDC, 0, image);
-    std::printf("restored section %d from %s (ring %s, %u bytes held)\n", SHM_SEC_SDC, path.c_str(), state(saved),
-                size(saved));
+    print_result({{"file", path}, {"state", state(saved)}, {"size", size(saved)}},
+                 "restored section " + std::to_string(SHM_SEC_SDC) + " from " + path + " (ring " + state(saved) + ", " +
+                     std::to_string(size(saved)) + " bytes held)");
 }
 
 }  // namespace
