@@ -415,7 +415,10 @@ TEST(Tool, DoctorRepairsWhatACrashedCreatorLeftAndInfoNamesHolderAndWaiter) {
     const json lock = json::parse(info.out)["sections"][SHM_SEC_LAST]["lock"];
     const std::string name = slurp("/proc/self/comm").substr(0, slurp("/proc/self/comm").find('\n'));
     EXPECT_EQ(lock["holder"], json({{"pid", getpid()}, {"name", name}})) << info.out;
+    EXPECT_EQ(lock["waiting"], 1);
+#if defined(__x86_64__)  // waiters are named where /proc shows their call in the tool's own numbering
     EXPECT_EQ(lock["waiters"], json::array({{{"pid", waiter}, {"name", name}}})) << info.out;
+#endif
 }
 
 // ifc: read-only commands never create the store; dump's "*"; --version; unknown commands.
