@@ -19,10 +19,11 @@ presets=("$@")
 passed=0 failed=0
 
 check() {  # check NAME COMMAND...: a named check that counts as one test
+    local started=$SECONDS
     if "${@:2}"; then
-        echo "check $1: ok"; passed=$((passed + 1))
+        echo "check $1: ok ($((SECONDS - started)) s)"; passed=$((passed + 1))
     else
-        echo "check $1: FAILED"; failed=$((failed + 1))
+        echo "check $1: FAILED ($((SECONDS - started)) s)"; failed=$((failed + 1))
     fi
 }
 
@@ -96,5 +97,5 @@ if [ $# -eq 0 ]; then
     check "fuzz: every target ${SHM_FUZZ_SECONDS:-15} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-15}"
 fi
 
-echo "total: $passed passed, $failed failed"
+echo "total: $passed passed, $failed failed ($SECONDS s)"
 [ "$failed" -eq 0 ]
