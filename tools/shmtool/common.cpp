@@ -69,10 +69,6 @@ void run_action() {
 
 namespace {
 
-// The store's System V objects, as the library makes them.
-constexpr key_t kIfcSegmentKey = 77777779;
-constexpr key_t kIfcLibrarySemKey = 77777777;
-constexpr key_t kIfcSectionSemKey = 77777812;
 constexpr int kIfcSectionSemCount = SHM_SECTION_COUNT;
 constexpr unsigned kIfcMode = 0666;
 bool g_ifc_attached = false;
@@ -92,7 +88,7 @@ std::string ifc_owner(uid_t uid) {
 // differ from the library's, and the ipcrm command that clears a stale object.
 std::string ifc_diagnose(bool try_attach = true) {
     std::string out;
-    const int id = shmget(kIfcSegmentKey, 0, 0);
+    const int id = shmget(kSegmentKey, 0, 0);
     if (id < 0) {
         if (errno != ENOENT) out += "; shmget(77777779): " + std::string(std::strerror(errno));
     } else {
@@ -107,7 +103,7 @@ std::string ifc_diagnose(bool try_attach = true) {
                        " bytes, mode " + mode_string(mode) + ", owner " + ifc_owner(ds.shm_perm.uid) +
                        "; the library expects " + std::to_string(SHM_SIZE) + " bytes, mode " + mode_string(kIfcMode);
             }
-            if (shmget(kIfcSegmentKey, SHM_SIZE, 0) < 0)
+            if (shmget(kSegmentKey, SHM_SIZE, 0) < 0)
                 out += "; shmget(77777779, " + std::to_string(SHM_SIZE) + "): " + std::strerror(errno);
             void* base = try_attach ? shmat(id, nullptr, SHM_RDONLY) : nullptr;
             if (base == reinterpret_cast<void*>(-1)) out += "; shmat: " + std::string(std::strerror(errno));
@@ -116,7 +112,7 @@ std::string ifc_diagnose(bool try_attach = true) {
         if (!out.empty()) out += "; a stale segment is removed with 'ipcrm -M 77777779'";
     }
     const struct { key_t key; int count; const char* name; } sets[] = {
-        {kIfcLibrarySemKey, 1, "library lock set"}, {kIfcSectionSemKey, kIfcSectionSemCount, "section lock set"}};
+        {kLibrarySemKey, 1, "library lock set"}, {kSectionSemKey, kIfcSectionSemCount, "section lock set"}};
     for (const auto& set : sets) {
         if (semget(set.key, set.count, 0) >= 0 || errno == ENOENT) continue;
         const std::string key = std::to_string(set.key);
@@ -151,7 +147,7 @@ void attach() {
 void attach_existing() {
     if (snapshot_active()) return snapshot_attach();
     if (g_ifc_attached) return;
-    if (shmget(kIfcSegmentKey, 0, 0) < 0) {
+    if (shmget(kSegmentKey, 0, 0) < 0) {
         if (errno == ENOENT) failure("no store: segment key 77777779 does not exist");
         failure("cannot attach the store: shmget(77777779): " + std::string(std::strerror(errno)) + ifc_diagnose());
     }
@@ -160,7 +156,7 @@ void attach_existing() {
     // The library would create a missing set: a segment without its sets is
     // reported, never completed, by a command that only looks.
     const struct { key_t key; int count; const char* name; } sets[] = {
-        {kIfcLibrarySemKey, 1, "library lock"}, {kIfcSectionSemKey, kIfcSectionSemCount, "section lock"}};
+        {kLibrarySemKey, 1, "library lock"}, {kSectionSemKey, kIfcSectionSemCount, "section lock"}};
     for (const auto& set : sets) {
         if (semget(set.key, set.count, 0) >= 0) continue;
         const std::string key = std::to_string(set.key);

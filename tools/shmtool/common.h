@@ -1,6 +1,8 @@
 // Shared plumbing of shmtool: options, errors, argument parsing, output.
 #pragma once
 
+#include <sys/sem.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -59,6 +61,16 @@ void show_info();
 void show_platform();
 
 // ------------------------------------------------------------------ store
+// The store's System V objects, as the library makes them.
+constexpr key_t kSegmentKey = 77777779;
+constexpr key_t kLibrarySemKey = 77777777;
+constexpr key_t kSectionSemKey = 77777812;
+// semctl's fourth argument, which callers define.
+union SemArgument {
+    int val;
+    semid_ds* buf;
+    unsigned short* array;
+};
 // Attaches through the library (creating the store if no process has yet);
 // failure ends the command with status 1.
 void attach();

@@ -33,6 +33,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -47,16 +48,8 @@
 namespace shmtool {
 namespace {
 
-constexpr key_t kDoctorSegmentKey = 77777779;
-constexpr int kDoctorAppTable = 12;  // the application slots, from the header's start
-constexpr int kDoctorAppSize = 25;
-constexpr int kDoctorSignature = kDoctorAppTable + SDC_MAX_APPS * kDoctorAppSize;
-
-union DoctorSemArgument {  // semctl's fourth argument, which callers define
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-};
+constexpr int kDoctorAppTable = offsetof(SdcHeader, SDCAppTable);  // the slots, from the header's start
+constexpr int kDoctorAppSize = sizeof(SdcAppEntry);
 
 struct DoctorSet {
     const char* label;  // "library lock set"
@@ -65,8 +58,8 @@ struct DoctorSet {
     bool library;
 };
 constexpr DoctorSet kDoctorSets[] = {
-    {"library lock set", 77777777, 1, true},
-    {"section lock set", 77777812, SHM_SECTION_COUNT, false},
+    {"library lock set", kLibrarySemKey, 1, true},
+    {"section lock set", kSectionSemKey, SHM_SECTION_COUNT, false},
 };
 
 struct DoctorFinding {
@@ -84,11 +77,6 @@ using DoctorFindings = std::vector<DoctorFinding>;
 
 std::string doctor_key_text(key_t key) { return std::to_string(static_cast<long long>(key)); }
 
-uint32_t doctor_le32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-
 std::string doctor_hex32(uint32_t value) {
     char text[16];
     std::snprintf(text, sizeof text, "0x%x", value);
@@ -105,7 +93,7 @@ std::string doctor_member_label(const DoctorSet& set, int id, int member) {
 
 // The set's status and values, or false when it cannot be read.
 bool doctor_read_set(int id, semid_ds& status, std::vector<unsigned short>& values) {
-    DoctorSemArgument argument{};
+    SemArgument argument{};
     argument.buf = &status;
     if (semctl(id, 0, IPC_STAT, argument) != 0) return false;
     values.assign(status.sem_nsems, 0);
@@ -149,9 +137,9 @@ std::string doctor_sdc_write_gate() {
 }
 
 // The header as the library holds it, read under section 26's lock.
-std::string doctor_read_header_locked(uint8_t (&header)[SDC_HEADER_SIZE]) {
+std::string doctor_read_header_locked(SdcHeader& header) {
     if (const std::string why = doctor_sdc_write_gate(); !why.empty()) return why;
-    const int32_t result = Vond_shm_memread(SHM_SEC_SDC, header, SDC_HEADER_OFFSET, SDC_HEADER_SIZE);
+    const int32_t result = Vond_shm_memread(SHM_SEC_SDC, &header, SDC_HEADER_OFFSET, SDC_HEADER_SIZE);
     return result == 0 ? "" : "Vond_shm_memread returned " + std::to_string(result) + ": cannot read the header";
 }
 
@@ -171,10 +159,10 @@ struct DoctorSegment {
 
 DoctorSegment doctor_open_segment() {
     DoctorSegment segment;
-    segment.id = shmget(kDoctorSegmentKey, 0, 0);
+    segment.id = shmget(kSegmentKey, 0, 0);
     if (segment.id < 0) {
-        if (errno == ENOENT) failure("no store: segment key " + doctor_key_text(kDoctorSegmentKey) + " does not exist");
-        failure("cannot open the segment (key " + doctor_key_text(kDoctorSegmentKey) + "): " + std::strerror(errno));
+        if (errno == ENOENT) failure("no store: segment key " + doctor_key_text(kSegmentKey) + " does not exist");
+        failure("cannot open the segment (key " + doctor_key_text(kSegmentKey) + "): " + std::strerror(errno));
     }
     shmid_ds status{};
     if (shmctl(segment.id, IPC_STAT, &status) != 0) failure(std::string("shmctl IPC_STAT: ") + std::strerror(errno));
@@ -202,7 +190,7 @@ void doctor_check_segment(const DoctorSegment& segment, DoctorFindings& findings
     }
     const std::string size = std::to_string(segment.size);
     const std::string recreate = "when no process has the segment attached, remove it (ipcrm -M " +
-                                 doctor_key_text(kDoctorSegmentKey) +
+                                 doctor_key_text(kSegmentKey) +
                                  ") and let the next process create it anew; its contents are lost";
     if (segment.size < static_cast<uint64_t>(table) || segment.size < SHM_SIZE) {
         findings.push_back({"segment.size", "error",
@@ -264,7 +252,7 @@ void doctor_check_set(const DoctorSet& set, DoctorFindings& findings, std::strin
                  if (!doctor_read_set(target_id, now, current)) return std::string("the set cannot be read");
                  if (now.sem_otime != 0) return std::string("the set has been operated meanwhile: checked again below");
                  std::vector<unsigned short> ones(current.size(), 1);
-                 DoctorSemArgument argument{};
+                 SemArgument argument{};
                  argument.array = ones.data();
                  if (semctl(target_id, 0, SETALL, argument) != 0)
                      return std::string("semctl SETALL: ") + std::strerror(errno);
@@ -331,10 +319,11 @@ void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
     if (section_size(SHM_SEC_SDC) < SDC_HEADER_OFFSET + SDC_HEADER_SIZE || start < 0 ||
         static_cast<uint64_t>(start + SDC_HEADER_SIZE) > segment.size)
         return;  // no header to read: the layout findings say why
-    uint8_t header[SDC_HEADER_SIZE];
-    std::memcpy(header, segment.base + start, sizeof header);
-    const uint32_t head = doctor_le32(header), tail = doctor_le32(header + 4), written = doctor_le32(header + 8);
-    if (head >= SDC_RING_SIZE || tail >= SDC_RING_SIZE) {
+    SdcHeader h;
+    std::memcpy(&h, segment.base + start, sizeof h);
+    const auto* header = reinterpret_cast<const uint8_t*>(&h);
+    const uint32_t head = h.Head, tail = h.Tail, written = h.Written;
+    if (!sdc::indexes_valid(h)) {
         findings.push_back(
             {"sdc.indexes", "error",
              "the SDC header's Head " + doctor_hex32(head) + " / Tail " + doctor_hex32(tail) +
@@ -342,10 +331,9 @@ void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
              "reset Head, Tail and Written to 0: the ring is emptied (what it held cannot be read anyway), the "
              "application table and the signature stay",
              true, "", "reset the SDC header's Head, Tail and Written to 0", [] {
-                 uint8_t now[SDC_HEADER_SIZE];
+                 SdcHeader now;
                  if (const std::string why = doctor_read_header_locked(now); !why.empty()) return why;
-                 if (doctor_le32(now) < SDC_RING_SIZE && doctor_le32(now + 4) < SDC_RING_SIZE)
-                     return std::string("Head and Tail are in range now: left alone");
+                 if (sdc::indexes_valid(now)) return std::string("Head and Tail are in range now: left alone");
                  return doctor_write_header(0, Bytes(12, 0));
              }});
     } else if (written > 1) {
@@ -353,16 +341,15 @@ void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
                             "the SDC header's Written is " + std::to_string(written) + ", not 0 or 1",
                             "set it to 1: the ring reads the same", true, "", "set the SDC header's Written to 1",
                             [] {
-                                uint8_t now[SDC_HEADER_SIZE];
+                                SdcHeader now;
                                 if (const std::string why = doctor_read_header_locked(now); !why.empty()) return why;
-                                if (doctor_le32(now + 8) <= 1 || doctor_le32(now) >= SDC_RING_SIZE ||
-                                    doctor_le32(now + 4) >= SDC_RING_SIZE)
+                                if (now.Written <= 1 || !sdc::indexes_valid(now))
                                     return std::string("the header changed meanwhile: left alone");
                                 return doctor_write_header(8, Bytes{1, 0, 0, 0});
                             }});
     }
-    const char* signature = reinterpret_cast<const char*>(header + kDoctorSignature);
-    if (std::memcmp(signature, SDC_SIGNATURE, sizeof SdcHeader{}.Signature) != 0) {
+    const char* signature = h.Signature;
+    if (!sdc::signature_valid(h)) {
         findings.push_back({"sdc.signature", "warning",
                             "the SDC header has no signature (\"" + printable(signature, 8) +
                                 "\", not \"" SDC_SIGNATURE "\"): recovery images saved from it are not trusted",
@@ -377,8 +364,8 @@ void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
         const char* name = reinterpret_cast<const char*>(entry);
         bool name_ok = true;
         for (int i = 0; i < SDC_APP_NAME_SIZE && entry[i] != 0; ++i) name_ok = name_ok && entry[i] >= 0x20 && entry[i] < 0x7f;
-        const uint32_t last = doctor_le32(entry + SDC_APP_NAME_SIZE);
-        if (name_ok && last < SDC_RING_SIZE) {
+        const uint32_t last = sdc::last(h, slot);
+        if (name_ok && sdc::last_in_range(h, slot)) {
             sound.push_back(slot);
             continue;
         }
@@ -390,9 +377,9 @@ void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
              "SDC application slot " + std::to_string(slot) + " is corrupt: " + why + " (its polls fail)",
              "free the slot (zero its 25 bytes); its consumer registers again", true, "",
              "free SDC application slot " + std::to_string(slot), [slot, found] {
-                 uint8_t now[SDC_HEADER_SIZE];
+                 SdcHeader now;
                  if (const std::string why = doctor_read_header_locked(now); !why.empty()) return why;
-                 if (std::memcmp(now + kDoctorAppTable + kDoctorAppSize * slot, found.data(), found.size()) != 0)
+                 if (std::memcmp(&now.SDCAppTable[slot], found.data(), found.size()) != 0)
                      return std::string("the slot changed meanwhile: left alone");
                  return doctor_write_header(kDoctorAppTable + kDoctorAppSize * slot, Bytes(kDoctorAppSize, 0));
              }});
@@ -437,7 +424,7 @@ void doctor_check_recovery_file(DoctorFindings& findings, std::string& summary) 
 DoctorFindings doctor_check(std::string& summary) {
     DoctorFindings findings;
     const DoctorSegment segment = doctor_open_segment();
-    summary = "segment key " + doctor_key_text(kDoctorSegmentKey) + " (id " + std::to_string(segment.id) + ", " +
+    summary = "segment key " + doctor_key_text(kSegmentKey) + " (id " + std::to_string(segment.id) + ", " +
               std::to_string(segment.size) + " bytes)";
     doctor_check_segment(segment, findings);
     for (const DoctorSet& set : kDoctorSets) doctor_check_set(set, findings, summary);

@@ -22,16 +22,10 @@ json info_process(int pid) {
     return {{"pid", pid}, {"name", name.empty() ? json(nullptr) : json(name)}};
 }
 
-union InfoSemArgument {  // semctl's fourth argument, which callers define
-    int val;
-    semid_ds* buf;
-    unsigned short* array;
-};
-
 // The set's key, from IPC_STAT.
 int64_t info_set_key(int set) {
     semid_ds status{};
-    InfoSemArgument argument{};
+    SemArgument argument{};
     argument.buf = &status;
     if (semctl(set, 0, IPC_STAT, argument) != 0)
         failure("semctl IPC_STAT on set " + std::to_string(set) + ": " + std::strerror(errno));
