@@ -5,16 +5,39 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
-
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "harness.h"
+
+// The library's semget and shmget calls, interposed (the program's own
+// definitions come first in the lookup scope). While a test arms
+// g_files_made, each call waits inside until another thread has created two
+// more files: the library is then between whatever it does before and after
+// the system call.
+static std::atomic<int>* g_files_made = nullptr;
+static void wait_for_files() {
+    if (g_files_made == nullptr) return;
+    const int start = g_files_made->load();
+    while (g_files_made->load() < start + 2) sched_yield();
+}
+extern "C" int semget(key_t key, int count, int flags) {
+    wait_for_files();
+    return static_cast<int>(syscall(SYS_semget, key, count, flags));
+}
+extern "C" int shmget(key_t key, size_t size, int flags) {
+    wait_for_files();
+    return static_cast<int>(syscall(SYS_shmget, key, size, flags));
+}
 
 namespace {
 
@@ -53,6 +76,42 @@ TEST(Store, FirstAttachCreatesSegmentSetsAndLayout) {
     EXPECT_EQ(gShmData[0], before);
     ASSERT_EQ(shmctl(gShmId, IPC_STAT, &seg), 0);
     EXPECT_EQ(seg.shm_nattch, 1u);
+}
+
+// Creating the store leaves the process's umask alone: files that other
+// threads create meanwhile get the modes their umask gives, while the IPC
+// objects still get 0666.
+TEST(Store, CreationLeavesTheUmaskToOtherThreads) {
+    umask(022);
+    std::atomic<int> made{0};
+    std::atomic<bool> stop{false};
+    int writable = 0;  // files created with group or other write bits
+    std::thread files([&] {
+        for (int i = 0; !stop; ++i) {
+            const std::string path = "/tmp/umask-" + std::to_string(i);
+            const int fd = open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0666);
+            struct stat st {};
+            if (fd < 0 || fstat(fd, &st) != 0 || (st.st_mode & 022) != 0) ++writable;
+            close(fd);
+            unlink(path.c_str());
+            ++made;
+        }
+    });
+    g_files_made = &made;
+    const int32_t result = Vond_shm_init_shm();
+    g_files_made = nullptr;
+    stop = true;
+    files.join();
+    ASSERT_EQ(result, 0);
+    EXPECT_EQ(writable, 0) << "of " << made << " files";
+    EXPECT_GE(made.load(), 6);  // two during each of the three creations
+    shmid_ds seg{};
+    semid_ds lib{}, sec{};
+    ASSERT_EQ(shmctl(gShmId, IPC_STAT, &seg), 0);
+    ASSERT_EQ(semctl(gShmLibSemId, 0, IPC_STAT, &lib), 0);
+    ASSERT_EQ(semctl(gShmSecSemId, 0, IPC_STAT, &sec), 0);
+    EXPECT_EQ(std::vector<unsigned>({seg.shm_perm.mode & 0777u, lib.sem_perm.mode & 0777u, sec.sem_perm.mode & 0777u}),
+              std::vector<unsigned>({0666, 0666, 0666}));
 }
 
 TEST(Store, GetShmAttachesAndReturnsSectionBase) {

@@ -12,8 +12,8 @@ from ._ffi import (SDC_RING_SIZE, SHM_FRU_DATA_MAX_LENGTH, SHM_SEC_BLADE, SHM_SE
 from ._ffi import path as library_path
 from .core import *  # noqa: F401,F403  (the names listed in core.__all__)
 from .core import __all__ as _core_all
-from .sdc import Consumer, sdc_clear, sdc_export, sdc_init, sdc_size, sdc_write
+from .sdc import Consumer, PollEvents, sdc_clear, sdc_export, sdc_init, sdc_size, sdc_write
 
-__all__ = _core_all + ["Consumer", "sdc_clear", "sdc_export", "sdc_init", "sdc_size", "sdc_write",
+__all__ = _core_all + ["Consumer", "PollEvents", "sdc_clear", "sdc_export", "sdc_init", "sdc_size", "sdc_write",
                        "library_path", "SDC_RING_SIZE", "SHM_FRU_DATA_MAX_LENGTH", "SHM_SIZE",
                        "SHM_SECTION_COUNT"] + [name for name in dir() if name.startswith("SHM_SEC_")]

@@ -1,10 +1,13 @@
 """The binding's declarations and argument checks."""
 import ctypes
+import os
 import pathlib
 import re
+import subprocess
+import sys
 import unittest
 
-from support import HEADER, _ffi, fresh_store, libshm
+from support import HEADER, HERE, _ffi, fresh_store, libshm
 
 BASE = {"int32_t": ctypes.c_int32, "uint32_t": ctypes.c_uint32, "uint16_t": ctypes.c_uint16, "uint8_t": ctypes.c_uint8,
         "uint64_t": ctypes.c_uint64, "FruInfo": _ffi.FruInfo, "FruDeviceList": _ffi.FruDeviceList}
@@ -47,3 +50,28 @@ class Declarations(unittest.TestCase):
                             (lambda: libshm.Consumer("n" * 21), ValueError)]:
             self.assertRaises(error, call)
         self.assertFalse(libshm.is_attached())
+
+
+def ipc_objects():  # (segment keys, semaphore set keys) of this IPC namespace
+    keys = [[line.split()[0] for line in open(f"/proc/sysvipc/{kind}").readlines()[1:]] for kind in ("shm", "sem")]
+    return tuple(sorted(int(key) for key in k) for k in keys)
+
+
+class Info(unittest.TestCase):
+    @fresh_store
+    def test_info_creates_nothing(self):
+        libc = ctypes.CDLL(None)
+        for create, message in [
+                ((), "no store: segment key 77777779 does not exist"),
+                ((("shm", 77777779),), "no store: segment key 77777779 exists but its library lock semaphore "
+                                       "set (key 77777777) does not"),
+                ((("sem", 77777777),), "no store: segment key 77777779 exists but its section lock semaphore "
+                                       "set (key 77777812) does not")]:
+            for kind, key in create:  # IPC_CREAT | 0666
+                made = libc.shmget(key, _ffi.SHM_SIZE, 0o1666) if kind == "shm" else libc.semget(key, 1, 0o1666)
+                self.assertGreaterEqual(made, 0)
+            before = ipc_objects()
+            run = subprocess.run([sys.executable, "-m", "libshm", "info"], capture_output=True, text=True,
+                                 env=dict(os.environ, PYTHONPATH=os.path.join(HERE, "..")))
+            self.assertEqual((run.returncode, run.stdout, ipc_objects()), (1, "", before), message)
+            self.assertTrue(run.stderr.startswith(f"libshm: {message}"), run.stderr)

@@ -11,6 +11,10 @@ def lock_value(section):  # semctl(GETVAL)
     return ctypes.CDLL(None).semctl(libshm.attachment().section_semaphores, section - 1, 12)
 
 
+def consumer_position(consumer):  # the slot's iLast
+    return struct.unpack("<I", libshm.read(26, _ffi.ilast_offset(consumer.id), 4))[0]
+
+
 class Store(unittest.TestCase):
     @fresh_store
     def test_errors_carry_function_and_code(self):
@@ -78,3 +82,42 @@ class Store(unittest.TestCase):
         self.assertRaises(libshm.Error, libshm.write, 34, 0, b"x")
         function = "Vond_shm_memwrite" if _ffi.HOOK_READS_PREFIX else None
         self.assertEqual([m[:3] + m[5:] for m in messages], [(1, 37, "bad sec id=%d\n", function)])
+
+    @fresh_store
+    def test_consumer_across_clears(self):
+        libshm.sdc_write(b"\x01")
+        consumer = libshm.Consumer("py")
+        libshm.sdc_write(os.urandom(4000))
+        self.assertEqual(len(consumer.poll()), 4000)
+        # (what happens before the poll, bytes written, expected events): a
+        # clear seen as Tail going back, a lap seen as an overrun, a clear
+        # seen as a full ring filling again (Tail went forward), and a clear
+        # seen as an empty ring
+        for clear, size, cleared, overrun in [(True, 80, True, 0), (False, 600000, False, 524288),
+                                              (True, 100000, True, 0), (True, 0, True, 0)]:
+            if clear:
+                libshm.sdc_clear()
+            written = os.urandom(size)
+            libshm.sdc_write(written)
+            events = consumer.poll_events()
+            # after a clear: the ring as the header describes it (see Consumer)
+            expected = libshm.sdc_export() if cleared else written[-len(events.data):]
+            self.assertEqual((events.cleared, events.overrun, events.moved), (cleared, overrun, False), size)
+            self.assertEqual((events.data, events.data[:size]), (expected, written if cleared else expected), size)
+            self.assertEqual(consumer_position(consumer), struct.unpack_from("<I", libshm.read(26, 524292, 4))[0])
+        self.assertEqual((consumer.clears, consumer.overrun), (3, 524288))
+        libshm.sdc_write(b"\x02")  # into the empty ring: Tail stays 0
+        libshm.sdc_write(b"tail")
+        self.assertEqual(consumer.poll(), b"tail")
+
+    @fresh_store
+    def test_consumer_close(self):
+        with libshm.Consumer("first") as first:
+            second = libshm.Consumer("second")
+        slot = _ffi.ilast_offset(0) - _ffi.SDC_APP_NAME_SIZE
+        self.assertEqual(libshm.read(26, slot, 50), bytes(25) + b"second".ljust(21, b"\0") + bytes(4))
+        self.assertRaises(ValueError, first.poll)
+        libshm.write(26, slot + 25, b"other\0")  # slot 1 taken over by another name: it stays
+        self.assertFalse(second.close())
+        self.assertEqual(libshm.read(26, slot + 25, 6), b"other\0")
+        self.assertEqual(libshm.Consumer("third").id, 0)

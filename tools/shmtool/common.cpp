@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <sched.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -184,6 +186,35 @@ Bytes read_section(int section, int32_t offset, int32_t length) {
     return bytes;
 }
 
+namespace {
+
+const uint8_t* g_unlocked_base = nullptr;  // the segment, attached read-only
+uint64_t g_unlocked_size = 0;
+
+}  // namespace
+
+Bytes read_section_unlocked(int section, int32_t offset, int32_t length) {
+    if (g_unlocked_base == nullptr) {
+        const int id = shmget(kSegmentKey, 0, 0);
+        if (id < 0 && errno == ENOENT) failure("no store: segment key 77777779 does not exist");
+        if (id < 0) failure("cannot attach the store: shmget(77777779): " + std::string(std::strerror(errno)));
+        shmid_ds status{};
+        if (shmctl(id, IPC_STAT, &status) != 0)
+            failure("shmctl IPC_STAT of segment " + std::to_string(id) + ": " + std::strerror(errno));
+        void* base = shmat(id, nullptr, SHM_RDONLY);
+        if (base == reinterpret_cast<void*>(-1))
+            failure("cannot attach the segment read-only: shmat: " + std::string(std::strerror(errno)));
+        g_unlocked_base = static_cast<const uint8_t*>(base);
+        g_unlocked_size = status.shm_segsz;
+        std::fprintf(stderr, "shmtool: unlocked read: no lock was taken, so bytes written meanwhile may be torn\n");
+    }
+    const int64_t start = section_offset(section) + offset;
+    if (offset < 0 || length < 0 || start + length > static_cast<int64_t>(g_unlocked_size))
+        failure("section " + std::to_string(section) + " lies beyond the segment's " +
+                std::to_string(g_unlocked_size) + " bytes");
+    return Bytes(g_unlocked_base + start, g_unlocked_base + start + length);
+}
+
 void write_section(int section, int32_t offset, const Bytes& bytes) {
     attach();
     const int32_t result =
@@ -230,7 +261,7 @@ int64_t parse_number(const std::string& text, const char* what, int64_t min, int
         valid = valid && (hex ? std::isxdigit(static_cast<unsigned char>(c)) : std::isdigit(static_cast<unsigned char>(c)));
     const int64_t value = valid ? std::stoll(digits, nullptr, hex ? 16 : 10) : 0;
     if (!valid || value < min || value > max)
-        usage_error(std::string("bad ") + what + " '" + text + "': expected " + std::to_string(min) + " to " +
+        usage_error(std::string("bad ") + what + " '" + safe_text(text) + "': expected " + std::to_string(min) + " to " +
                     std::to_string(max));
     return value;
 }
@@ -239,9 +270,14 @@ int parse_section(const std::string& text) {
     for (const SectionInfo& info : kKnownSections)
         if (text == info.name) return info.number;
     if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])))
-        usage_error("unknown section '" + text + "': give a number 1 to 33 or a name (see shmtool info)");
-    const int section = static_cast<int>(parse_number(text, "section", 0, SHM_SEC_LAST));
-    if (section == SHM_SEC_EMPTY) usage_error("section 0 is empty");
+        usage_error("unknown section '" + safe_text(text) + "': give a number 1 to 33 or a name (see shmtool info)");
+    int section = -1;
+    try {
+        section = static_cast<int>(parse_number(text, "section", 0, SHM_SEC_LAST));
+    } catch (const Error&) {
+        usage_error("bad section '" + safe_text(text) + "': expected 1 to " + std::to_string(SHM_SEC_LAST));
+    }
+    if (section == SHM_SEC_EMPTY) usage_error("section 0 is empty: expected 1 to " + std::to_string(SHM_SEC_LAST));
     return section;
 }
 
@@ -253,7 +289,7 @@ Bytes parse_hex(const std::string& text) {
                 std::isxdigit(static_cast<unsigned char>(text[i + 1]));
         if (valid) bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
     }
-    if (!valid) usage_error("bad HEXBYTES '" + text + "': expected pairs of hex digits, like 0a1b2c");
+    if (!valid) usage_error("bad HEXBYTES '" + safe_text(text) + "': expected pairs of hex digits, like 0a1b2c");
     return bytes;
 }
 
@@ -313,15 +349,18 @@ void print_result(const json& document, const std::string& text) {
 }
 
 void print_json(const json& document) {
+    // A string that is not valid UTF-8 would make dump() throw and the
+    // command print nothing: its bad bytes become U+FFFD instead.
+    const auto text = [](const json& d) { return d.dump(2, ' ', false, json::error_handler_t::replace); };
     // "schema" leads every document; one that sets it already keeps its own.
     if (!document.is_object() || (!document.empty() && document.begin().key() == "schema")) {
-        std::printf("%s\n", document.dump(2).c_str());
+        std::printf("%s\n", text(document).c_str());
         return;
     }
     json framed = {{"schema", document.contains("schema") ? document["schema"] : json(1)}};
     for (const auto& [key, value] : document.items())
         if (key != "schema") framed[key] = value;
-    std::printf("%s\n", framed.dump(2).c_str());
+    std::printf("%s\n", text(framed).c_str());
 }
 
 std::string iso_time(int64_t seconds) {
@@ -379,17 +418,49 @@ void print_hexdump(const uint8_t* bytes, size_t length, uint64_t base) {
     if (length > 0) std::printf("%08llx\n", static_cast<unsigned long long>(base + length));
 }
 
-std::string printable(const char* text, size_t max) {
+std::string printable(const char* text, size_t max) { return safe_text(std::string_view(text, strnlen(text, max))); }
+
+std::string safe_text(std::string_view bytes) {
     std::string out;
-    for (size_t i = 0; i < max && text[i] != 0; ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c >= 0x20 && c < 0x7f && c != '\\') {
-            out += static_cast<char>(c);
-        } else {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-            out += escaped;
+    out.reserve(bytes.size());
+    const auto escape = [&out](unsigned char c) {
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+        out += escaped;
+    };
+    for (size_t i = 0; i < bytes.size();) {
+        const auto c = static_cast<unsigned char>(bytes[i]);
+        if (c == '\\') {
+            out += "\\\\";
+            ++i;
+            continue;
         }
+        if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+            ++i;
+            continue;
+        }
+        // A well-formed UTF-8 sequence (no overlong form, no surrogate, at
+        // most U+10FFFF) that is not a C1 control stays whole.
+        size_t length = c >= 0xc2 && c <= 0xdf ? 2 : c >= 0xe0 && c <= 0xef ? 3 : c >= 0xf0 && c <= 0xf4 ? 4 : 0;
+        if (length != 0 && i + length <= bytes.size()) {
+            const auto b1 = static_cast<unsigned char>(bytes[i + 1]);
+            bool valid = (b1 & 0xc0) == 0x80;
+            if (c == 0xe0) valid = valid && b1 >= 0xa0;
+            if (c == 0xed) valid = valid && b1 < 0xa0;
+            if (c == 0xf0) valid = valid && b1 >= 0x90;
+            if (c == 0xf4) valid = valid && b1 < 0x90;
+            if (c == 0xc2) valid = valid && b1 >= 0xa0;  // U+0080 to U+009F: C1 controls
+            for (size_t k = 2; k < length; ++k)
+                valid = valid && (static_cast<unsigned char>(bytes[i + k]) & 0xc0) == 0x80;
+            if (valid) {
+                out.append(bytes.substr(i, length));
+                i += length;
+                continue;
+            }
+        }
+        escape(c);
+        ++i;
     }
     return out;
 }
@@ -464,6 +535,72 @@ void enter_private_store() {
     (void)write_file("/proc/self/setgroups", "deny");
     (void)write_file("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1");
     (void)write_file("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1");
+}
+
+void exit_quietly(int status) {
+    try {
+        finish_output();
+    } catch (const Error& e) {
+        std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
+        if (status == kOk) status = e.status;
+    }
+    std::exit(status);
+}
+
+namespace {
+
+const char* untrusted_file_type(mode_t mode) {
+    switch (mode & S_IFMT) {
+        case S_IFIFO: return "a FIFO";
+        case S_IFDIR: return "a directory";
+        case S_IFCHR: return "a character device";
+        case S_IFBLK: return "a block device";
+        case S_IFSOCK: return "a socket";
+        default: return "not a regular file";
+    }
+}
+
+}  // namespace
+
+UntrustedFile::~UntrustedFile() {
+    if (fd_ >= 0) close(fd_);
+}
+
+// The 64-bit calls: a 32-bit build without them could not even open a file
+// of 2 GiB or more, let alone say that it is too large.
+std::string UntrustedFile::open(const std::string& path) {
+    shown_ = path == "-" ? "standard input" : safe_text(path);
+    // O_NONBLOCK: a FIFO without a writer must not hold the command in open().
+    fd_ = open64(path == "-" ? "/dev/stdin" : path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int open_error = errno;
+    if (fd_ < 0)
+        return open_error == ENOENT ? shown_ + " does not exist" : "cannot open " + shown_ + ": " + std::strerror(open_error);
+    struct stat64 status {};
+    if (fstat64(fd_, &status) != 0) {
+        const int error = errno;
+        return "cannot examine " + shown_ + ": " + std::strerror(error);
+    }
+    if (!S_ISREG(status.st_mode))
+        return shown_ + " is not a regular file (" + untrusted_file_type(status.st_mode) + ")";
+    size_ = static_cast<int64_t>(status.st_size);
+    return "";
+}
+
+bool UntrustedFile::read(void* to, size_t length, int64_t offset) const {
+    size_t done = 0;
+    while (done < length) {
+        const ssize_t n = pread64(fd_, static_cast<uint8_t*>(to) + done, length - done,
+                                  static_cast<off64_t>(offset + static_cast<int64_t>(done)));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool UntrustedFile::ends_at(int64_t length) const {
+    uint8_t extra = 0;
+    return pread64(fd_, &extra, 1, static_cast<off64_t>(length)) == 0;
 }
 
 Bytes read_input(const std::string& path) {

@@ -82,6 +82,12 @@ void attach();
 void attach_existing();
 // Locked read / write of a whole range; failure ends the command with status 1.
 Bytes read_section(int section, int32_t offset, int32_t length);
+// --unlocked (dump, snapshot save): a post-mortem read for a store whose locks
+// are stuck. The segment is found by its key (never created) and attached
+// read-only, no semaphore is touched and the library is not called, so bytes
+// being written meanwhile may be torn; the first call says so on stderr.
+// Without a store: status 1, "no store: ...", as attach_existing().
+Bytes read_section_unlocked(int section, int32_t offset, int32_t length);
 void write_section(int section, int32_t offset, const Bytes& bytes);
 int32_t section_size(int section);
 int64_t section_offset(int section);  // from the start of the segment
@@ -107,6 +113,9 @@ void check_output();
 void finish_output();
 // Prints one document with "schema": 1 as its first field. JSON conventions:
 // times are ISO 8601 in UTC (iso_time), modes octal strings (mode_string).
+// Untrusted strings go in through safe_text, which makes them valid UTF-8; a
+// string that still is not is printed with U+FFFD in place of its bad bytes
+// rather than failing the document.
 void print_json(const json& document);
 // What a command that changes the store did: `document` under --json, else
 // the line `text`.
@@ -119,7 +128,15 @@ void refuse_binary_on_terminal(bool asked, const char* flag = "--raw");
 std::string hex_string(const uint8_t* bytes, size_t length);
 // Classic 16 bytes per line dump, addresses starting at `base`.
 void print_hexdump(const uint8_t* bytes, size_t length, uint64_t base);
-std::string printable(const char* text, size_t max);  // up to NUL, non-printables escaped
+// A fixed-size text field of the store (a name, a signature): its bytes up to
+// the first NUL, at most `max`, through safe_text.
+std::string printable(const char* text, size_t max);
+// Bytes from outside the tool (process names, file names, stored strings) as
+// text that is safe on a terminal and valid UTF-8 in JSON: printable ASCII
+// and well-formed UTF-8 stay as they are, a backslash becomes "\\", every
+// control byte (C0, DEL, C1) and every byte of an ill-formed sequence becomes
+// "\xNN".
+std::string safe_text(std::string_view bytes);
 std::string format_time(int64_t seconds);  // "YYYY-MM-DD HH:MM:SS" local, or "never" for 0
 std::string yes_no(bool value);
 
@@ -131,6 +148,40 @@ void install_log_hook();          // -v: library messages to stderr with levels
 using MessageListener = std::function<void(int level, const std::string& text)>;
 void listen_to_library(const MessageListener& listener, const std::function<void()>& body);
 void enter_private_store();       // --private: fresh IPC namespace, or status 1
+
+// Ends the command now with `status` and no message, once its output is
+// complete (as diff and cmp say "different" with status 1); output that could
+// not be written turns status 0 into 1, with the reason.
+[[noreturn]] void exit_quietly(int status);
+
+// A file the tool reads but did not write (a snapshot, a recovery image):
+// opened without blocking and without becoming the controlling terminal,
+// kept only when the open descriptor is a regular file (type and size from
+// its fstat, so a path renamed meanwhile cannot pass the checks as one file
+// and be read as another), and read in exact ranges. No file can make the
+// tool wait, nor allocate more than its caller decides from size().
+class UntrustedFile {
+public:
+    UntrustedFile() = default;
+    UntrustedFile(const UntrustedFile&) = delete;
+    UntrustedFile& operator=(const UntrustedFile&) = delete;
+    ~UntrustedFile();
+    // "" once `path` ("-": standard input) is open as a regular file, else
+    // why not, naming the path through safe_text: "P does not exist",
+    // "cannot open P: REASON", "P is not a regular file (a FIFO)".
+    std::string open(const std::string& path);
+    const std::string& shown() const { return shown_; }  // the path, safe to print
+    int64_t size() const { return size_; }               // at the open
+    // Exactly `length` bytes at `offset`; false on an error or a short read.
+    bool read(void* to, size_t length, int64_t offset) const;
+    // Nothing can be read at `length`: the file has not grown past it.
+    bool ends_at(int64_t length) const;
+
+private:
+    int fd_ = -1;
+    int64_t size_ = 0;
+    std::string shown_;
+};
 
 // Reading a whole file (or stdin for "-") and writing one (or stdout for "-";
 // its errors are reported by check_output, like every other output's).

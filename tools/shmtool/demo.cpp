@@ -10,6 +10,7 @@
 #include <ctime>
 #include <string>
 
+#include "options.h"
 #include "sdc.h"
 
 namespace shmtool {
@@ -148,8 +149,8 @@ void add_demo_command(CLI::App& app) {
     static int records = 5;
     static double interval = 0.2;
     CLI::App* d = app.add_subcommand("demo", "Tour of the store's main job on a private store");
-    d->add_option("-n,--records", records, "SDC records the producer writes (default 5)")->check(CLI::Range(1, 1000));
-    d->add_option("-i,--interval", interval, "Seconds between records (default 0.2)")->check(CLI::Range(0.01, 10.0));
+    add_count_option(*d, "-n,--records", records, "SDC records the producer writes, 1 to 1000 (default 5)", 1, 1000);
+    add_seconds_option(*d, "-i,--interval", interval, "Seconds between records, 0.01 to 10 (default 0.2)", 0.01, 10);
     // A tour for people: its output is the other commands' text, with no
     // document of its own, so --json is refused as watch refuses it.
     d->callback([] {

@@ -26,6 +26,7 @@
 // the header again under the lock first and acts only if it is still as
 // found. They are refused while a lock they need is stuck.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -38,12 +39,14 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "common.h"
 #include "ipc_state.h"
 #include "sdc.h"
+#include "section_lock.h"
 
 namespace shmtool {
 namespace {
@@ -71,9 +74,20 @@ struct DoctorFinding {
     std::string refusal;                // safe == false: why --repair leaves it
     std::string action;                 // safe: what --repair does, named before it is done
     std::function<std::string()> apply;  // safe: "" when done, else why it was not
+    // What the finding is about, for --json: -1 / 0 / "" where it does not apply.
+    int section = -1;      // the store section whose lock or content it concerns
+    int member = -1;       // the semaphore member
+    int64_t set_key = -1;  // the semaphore set's key
+    int slot = -1;         // the SDC application slot
+    int pid = 0;           // the process holding the lock
 };
 
 using DoctorFindings = std::vector<DoctorFinding>;
+
+// How long a lock must stay held by the same process to be reported, and how
+// often it is looked at meanwhile.
+constexpr int kDoctorHeldGraceMicroseconds = 1000000;
+constexpr int kDoctorHeldLooks = 50;
 
 std::string doctor_key_text(key_t key) { return std::to_string(static_cast<long long>(key)); }
 
@@ -136,18 +150,71 @@ std::string doctor_sdc_write_gate() {
     return "";
 }
 
-// The header as the library holds it, read under section 26's lock.
-std::string doctor_read_header_locked(SdcHeader& header) {
+// Runs `change` on section 26's bytes in place while this process holds the
+// section's lock, so what it compares and what it writes are one step for
+// every other user of the library.
+std::string doctor_with_sdc_locked(const std::function<std::string(uint8_t* section)>& change) {
     if (const std::string why = doctor_sdc_write_gate(); !why.empty()) return why;
-    const int32_t result = Vond_shm_memread(SHM_SEC_SDC, &header, SDC_HEADER_OFFSET, SDC_HEADER_SIZE);
-    return result == 0 ? "" : "Vond_shm_memread returned " + std::to_string(result) + ": cannot read the header";
+    SectionLock lock(SHM_SEC_SDC);
+    return change(lock.bytes());
 }
 
-std::string doctor_write_header(int32_t offset, const Bytes& bytes) {
-    const int32_t result =
-        Vond_shm_memwrite(SHM_SEC_SDC, bytes.data(), SDC_HEADER_OFFSET + offset, static_cast<int32_t>(bytes.size()));
-    return result == 0 ? "" : "Vond_shm_memwrite returned " + std::to_string(result) + ": not written";
+SdcHeader doctor_header_at(const uint8_t* section) {
+    SdcHeader h;
+    std::memcpy(&h, section + SDC_HEADER_OFFSET, sizeof h);
+    return h;
 }
+
+// ------------------------------------------------------- serialised repairs
+
+// Repairs are serialised between doctors: two runs that both found a member
+// stuck must not both raise it (the second would raise it again under the
+// process that took it meanwhile). The lock is a file lock (flock), released
+// by the kernel when the process ends however it ends. The file lives in
+// /tmp: any local user can create it, and one who holds its lock delays
+// repairs (never makes them unsafe); a file that is not a regular file, or a
+// symbolic link, is refused.
+constexpr const char* kDoctorRepairLockPath = "/tmp/.shmtool-repair.lock";
+constexpr int kDoctorRepairLockWaitSeconds = 30;
+
+class DoctorRepairLock {
+public:
+    DoctorRepairLock() {
+        const int flags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        fd_ = open(kDoctorRepairLockPath, O_RDWR | O_CREAT | flags, 0600);
+        if (fd_ < 0) fd_ = open(kDoctorRepairLockPath, O_RDONLY | flags);  // made by another user
+        if (fd_ < 0)
+            failure(std::string("cannot open the repair lock ") + kDoctorRepairLockPath + ": " + std::strerror(errno) +
+                    "; nothing was repaired");
+        struct stat status {};
+        if (fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode)) {
+            close(fd_);
+            failure(std::string("the repair lock ") + kDoctorRepairLockPath +
+                    " is not a regular file; nothing was repaired (remove it)");
+        }
+        for (int tenth = 0; flock(fd_, LOCK_EX | LOCK_NB) != 0; ++tenth) {
+            if (errno != EWOULDBLOCK && errno != EINTR) {
+                const int error = errno;
+                close(fd_);
+                failure(std::string("cannot lock ") + kDoctorRepairLockPath + ": " + std::strerror(error));
+            }
+            if (tenth == 10)
+                std::fprintf(stderr, "shmtool: waiting for another doctor --repair (lock %s)\n", kDoctorRepairLockPath);
+            if (tenth >= 10 * kDoctorRepairLockWaitSeconds) {
+                close(fd_);
+                failure("another doctor --repair held " + std::string(kDoctorRepairLockPath) + " for " +
+                        std::to_string(kDoctorRepairLockWaitSeconds) + " s; nothing was repaired");
+            }
+            usleep(100000);
+        }
+    }
+    ~DoctorRepairLock() { close(fd_); }
+    DoctorRepairLock(const DoctorRepairLock&) = delete;
+    DoctorRepairLock& operator=(const DoctorRepairLock&) = delete;
+
+private:
+    int fd_ = -1;
+};
 
 // ------------------------------------------------------------------ checks
 
@@ -239,27 +306,46 @@ void doctor_check_set(const DoctorSet& set, DoctorFindings& findings, std::strin
     int zeros = 0;
     for (const unsigned short value : values) zeros += value == 0;
     if (status.sem_otime == 0 && zeros > 0) {
+        // A creator sets the members right after it made the set: a set seen
+        // in that moment is not a finding unless it stays so.
+        usleep(kDoctorHeldGraceMicroseconds);
+        if (!doctor_read_set(id, status, values)) failure("cannot read " + label + ": " + std::strerror(errno));
+        zeros = 0;
+        for (const unsigned short value : values) zeros += value == 0;
+    }
+    if (status.sem_otime == 0 && zeros > 0) {
         const int target_id = id;
         findings.push_back(
             {"semaphore.unstarted", "error",
              label + " was never operated and has " + std::to_string(zeros) + " of " + std::to_string(values.size()) +
                  " members at 0: its creator died before setting them to 1, and nobody can take those locks",
-             "set every member to 1 (SETALL), as the library does when it finds such a set", true, "",
-             "set every member of " + label + " to 1",
+             "set its members at 0 to 1, as the library does when it finds such a set", true, "",
+             "set every member of " + label + " that is 0 to 1",
              [target_id] {
                  semid_ds now{};
                  std::vector<unsigned short> current;
                  if (!doctor_read_set(target_id, now, current)) return std::string("the set cannot be read");
                  if (now.sem_otime != 0) return std::string("the set has been operated meanwhile: checked again below");
-                 std::vector<unsigned short> ones(current.size(), 1);
-                 SemArgument argument{};
-                 argument.array = ones.data();
-                 if (semctl(target_id, 0, SETALL, argument) != 0)
-                     return std::string("semctl SETALL: ") + std::strerror(errno);
+                 // One semop for all of them: it applies only if every member
+                 // found at 0 is still 0, and touches no member that is not.
+                 std::vector<sembuf> ops;
+                 for (size_t member = 0; member < current.size(); ++member) {
+                     if (current[member] != 0) continue;
+                     ops.push_back({static_cast<unsigned short>(member), 0, IPC_NOWAIT});
+                     ops.push_back({static_cast<unsigned short>(member), 1, 0});
+                 }
+                 if (!ops.empty() && semtimedop(target_id, ops.data(), ops.size(), nullptr) != 0)
+                     return errno == EAGAIN ? std::string("a member changed meanwhile: checked again below")
+                                            : std::string("semop: ") + std::strerror(errno);
                  return std::string();
              }});
+        findings.back().set_key = set.key;
         return;  // its members at 0 are that one finding
     }
+    // A member held by a live process is a finding only when it stays held:
+    // a producer's lock is taken for microseconds many times a second, and a
+    // single look would catch it now and then.
+    std::vector<int> held;
     for (int member = 0; member < static_cast<int>(values.size()); ++member) {
         const std::string what = doctor_member_label(set, id, member);
         const int pid = semctl(id, member, GETPID);
@@ -268,59 +354,100 @@ void doctor_check_set(const DoctorSet& set, DoctorFindings& findings, std::strin
             waiting > 0 ? "; " + std::to_string(waiting) + (waiting == 1 ? " process waits" : " processes wait") +
                               " for it"
                         : "";
-        // A last operating pid of 0 in an operated set is a process this PID
-        // namespace cannot see (the kernel shows such a pid as 0): it may be
-        // alive, so it is reported as held and never reset.
-        if (values[member] == 0 && pid > 0 && !process_alive(pid)) {
+        DoctorFinding finding;
+        finding.member = member;
+        finding.section = set.library ? -1 : member + 1;
+        finding.set_key = set.key;
+        finding.pid = pid;
+        // Only a process that is provably gone leaves a member stuck. A last
+        // operating pid of 0 in an operated set is a process this PID
+        // namespace cannot see, and one whose leader thread exited may still
+        // run other threads: both may hold the lock, and are never reset.
+        if (values[member] == 0 && process_gone(pid)) {
             const int target_id = id;
-            findings.push_back(
-                {"semaphore.stuck", "error",
-                 what + " is held, but " +
-                     (pid > 0 ? "its last operating process, pid " + std::to_string(pid) + ", is gone"
-                              : std::string("no process has ever operated it")) +
-                     ": nobody will release it" + waiters,
-                 "set it to 1 (only while it is still 0)", true, "", "set " + what + " to 1",
-                 [target_id, member] {
-                     if (semctl(target_id, member, GETVAL) != 0) return std::string("it is no longer 0: left alone");
-                     const int now = semctl(target_id, member, GETPID);
-                     if (process_alive(now))
-                         return "it is now held by " + describe_pid(now) + ", which is alive: not touched";
-                     sembuf ops[2] = {};
-                     ops[0].sem_num = static_cast<unsigned short>(member);
-                     ops[0].sem_op = 0;
-                     ops[0].sem_flg = IPC_NOWAIT;
-                     ops[1].sem_num = static_cast<unsigned short>(member);
-                     ops[1].sem_op = 1;
-                     if (semtimedop(target_id, ops, 2, nullptr) != 0)
-                         return errno == EAGAIN ? std::string("it was released meanwhile: left alone")
-                                                : std::string("semop: ") + std::strerror(errno);
-                     return std::string();
-                 }});
+            const int found_pid = pid;
+            finding.check = "semaphore.stuck";
+            finding.severity = "error";
+            finding.what = what + " is held, but its last operating process, pid " + std::to_string(pid) +
+                           ", is gone: nobody will release it" + waiters;
+            finding.repair = "set it to 1 (only while it is still 0 and its holder still gone)";
+            finding.safe = true;
+            finding.action = "set " + what + " to 1";
+            // Run under the repair lock (run_doctor), so no other doctor raises
+            // it meanwhile; the dead holder cannot release it, so the value
+            // and the holder read here stay until the one semop below.
+            finding.apply = [target_id, member, found_pid] {
+                if (semctl(target_id, member, GETVAL) != 0) return std::string("it is no longer 0: left alone");
+                const int now = semctl(target_id, member, GETPID);
+                if (now != found_pid)
+                    return "it was operated meanwhile (now by " + describe_pid(now) + "): left alone";
+                if (!process_gone(now)) return describe_pid(now) + " may be alive: not touched";
+                sembuf ops[2] = {};
+                ops[0].sem_num = static_cast<unsigned short>(member);
+                ops[0].sem_op = 0;
+                ops[0].sem_flg = IPC_NOWAIT;
+                ops[1].sem_num = static_cast<unsigned short>(member);
+                ops[1].sem_op = 1;
+                if (semtimedop(target_id, ops, 2, nullptr) != 0)
+                    return errno == EAGAIN ? std::string("it was released meanwhile: left alone")
+                                           : std::string("semop: ") + std::strerror(errno);
+                return std::string();
+            };
+            findings.push_back(finding);
         } else if (values[member] == 0) {
-            const std::string holder = pid > 0 ? describe_pid(pid) : "a process outside this PID namespace";
-            findings.push_back({"semaphore.held", "warning", what + " is held by " + holder + waiters,
-                                "none while that process works; if it hangs, end it: the kernel then gives the "
-                                "lock back (SEM_UNDO)",
-                                false, "held by " + holder + (pid > 0 ? ", which is alive" : ", which may be alive") + ": not touched", "", {}});
+            held.push_back(member);
         } else if (values[member] > 1) {
-            findings.push_back({"semaphore.value", "error",
-                                what + " is " + std::to_string(values[member]) +
-                                    ": more than one process can hold it at once",
-                                "with the store's processes stopped, set it to 1 (semctl SETVAL)", false,
-                                "a value above 1 cannot be lowered safely while processes may hold the lock: "
-                                "not touched",
-                                "", {}});
+            finding.check = "semaphore.value";
+            finding.severity = "error";
+            finding.what = what + " is " + std::to_string(values[member]) + ": more than one process can hold it at once";
+            finding.repair = "with the store's processes stopped, set it to 1 (semctl SETVAL)";
+            finding.refusal = "a value above 1 cannot be lowered safely while processes may hold the lock: not touched";
+            finding.pid = 0;
+            findings.push_back(finding);
         }
+    }
+    std::vector<int> pids(held.size());
+    for (size_t i = 0; i < held.size(); ++i) pids[i] = semctl(id, held[i], GETPID);
+    for (int look = 0; look < kDoctorHeldLooks && !held.empty(); ++look) {
+        usleep(kDoctorHeldGraceMicroseconds / kDoctorHeldLooks);
+        for (size_t i = 0; i < held.size();) {
+            if (semctl(id, held[i], GETVAL) == 0 && semctl(id, held[i], GETPID) == pids[i]) {
+                ++i;
+                continue;
+            }
+            held.erase(held.begin() + static_cast<std::ptrdiff_t>(i));
+            pids.erase(pids.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+    for (size_t i = 0; i < held.size(); ++i) {
+        const int member = held[i], pid = pids[i];
+        const int waiting = semctl(id, member, GETNCNT);
+        const std::string holder = pid > 0 ? describe_pid(pid) : "a process outside this PID namespace";
+        DoctorFinding finding;
+        finding.check = "semaphore.held";
+        finding.severity = "warning";
+        finding.what = doctor_member_label(set, id, member) + " is held by " + holder + " for more than " +
+                       std::to_string(kDoctorHeldGraceMicroseconds / 1000) + " ms" +
+                       (waiting > 0 ? "; " + std::to_string(waiting) + " waiting" : "");
+        finding.repair = process_state_note(pid).empty()
+                             ? "none while that process works; if it hangs, end it: the kernel then gives the lock "
+                               "back (SEM_UNDO)"
+                             : "it is stopped: send it SIGCONT (kill -CONT " + std::to_string(pid) +
+                                   "), or end it: the kernel then gives the lock back (SEM_UNDO)";
+        finding.refusal = "held by " + holder + (pid > 0 ? ", which may be alive" : "") + ": not touched";
+        finding.member = member;
+        finding.section = set.library ? -1 : member + 1;
+        finding.set_key = set.key;
+        finding.pid = pid;
+        findings.push_back(finding);
     }
 }
 
-void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
-    const int64_t start = section_offset(SHM_SEC_SDC) + SDC_HEADER_OFFSET;
-    if (section_size(SHM_SEC_SDC) < SDC_HEADER_OFFSET + SDC_HEADER_SIZE || start < 0 ||
-        static_cast<uint64_t>(start + SDC_HEADER_SIZE) > segment.size)
-        return;  // no header to read: the layout findings say why
+// The SDC header's checks, on its 220 bytes as found (in place in the live
+// segment, or from a snapshot file).
+void doctor_check_sdc(const uint8_t* header_bytes, DoctorFindings& findings) {
     SdcHeader h;
-    std::memcpy(&h, segment.base + start, sizeof h);
+    std::memcpy(&h, header_bytes, sizeof h);
     const auto* header = reinterpret_cast<const uint8_t*>(&h);
     const uint32_t head = h.Head, tail = h.Tail, written = h.Written;
     if (!sdc::indexes_valid(h)) {
@@ -328,25 +455,37 @@ void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
             {"sdc.indexes", "error",
              "the SDC header's Head " + doctor_hex32(head) + " / Tail " + doctor_hex32(tail) +
                  " lie outside the ring (0 to 0x7ffff): every SDC call on it fails",
-             "reset Head, Tail and Written to 0: the ring is emptied (what it held cannot be read anyway), the "
-             "application table and the signature stay",
-             true, "", "reset the SDC header's Head, Tail and Written to 0", [] {
-                 SdcHeader now;
-                 if (const std::string why = doctor_read_header_locked(now); !why.empty()) return why;
-                 if (sdc::indexes_valid(now)) return std::string("Head and Tail are in range now: left alone");
-                 return doctor_write_header(0, Bytes(12, 0));
+             "reset Head, Tail and Written to 0 and every registered application's read position to 0 (the new "
+             "Head): the ring is emptied (what it held cannot be read anyway), the names and the signature stay",
+             true, "", "reset the SDC header's Head, Tail and Written, and every read position, to 0", [] {
+                 return doctor_with_sdc_locked([](uint8_t* section) {
+                     const SdcHeader now = doctor_header_at(section);
+                     if (sdc::indexes_valid(now)) return std::string("Head and Tail are in range now: left alone");
+                     uint8_t* header = section + SDC_HEADER_OFFSET;
+                     std::memset(header, 0, 12);
+                     // A read position left in the old ring would make the
+                     // next poll hand over bytes from before the reset.
+                     for (int slot = 0; slot < SDC_MAX_APPS; ++slot)
+                         std::memset(header + kDoctorAppTable + kDoctorAppSize * slot + SDC_APP_NAME_SIZE, 0, 4);
+                     return std::string();
+                 });
              }});
+        findings.back().section = SHM_SEC_SDC;
     } else if (written > 1) {
         findings.push_back({"sdc.written", "warning",
                             "the SDC header's Written is " + std::to_string(written) + ", not 0 or 1",
                             "set it to 1: the ring reads the same", true, "", "set the SDC header's Written to 1",
                             [] {
-                                SdcHeader now;
-                                if (const std::string why = doctor_read_header_locked(now); !why.empty()) return why;
-                                if (now.Written <= 1 || !sdc::indexes_valid(now))
-                                    return std::string("the header changed meanwhile: left alone");
-                                return doctor_write_header(8, Bytes{1, 0, 0, 0});
+                                return doctor_with_sdc_locked([](uint8_t* section) {
+                                    const SdcHeader now = doctor_header_at(section);
+                                    if (now.Written <= 1 || !sdc::indexes_valid(now))
+                                        return std::string("the header changed meanwhile: left alone");
+                                    const uint8_t one[4] = {1, 0, 0, 0};
+                                    std::memcpy(section + SDC_HEADER_OFFSET + offsetof(SdcHeader, Written), one, 4);
+                                    return std::string();
+                                });
                             }});
+        findings.back().section = SHM_SEC_SDC;
     }
     const char* signature = h.Signature;
     if (!sdc::signature_valid(h)) {
@@ -377,12 +516,16 @@ void doctor_check_sdc(const DoctorSegment& segment, DoctorFindings& findings) {
              "SDC application slot " + std::to_string(slot) + " is corrupt: " + why + " (its polls fail)",
              "free the slot (zero its 25 bytes); its consumer registers again", true, "",
              "free SDC application slot " + std::to_string(slot), [slot, found] {
-                 SdcHeader now;
-                 if (const std::string why = doctor_read_header_locked(now); !why.empty()) return why;
-                 if (std::memcmp(&now.SDCAppTable[slot], found.data(), found.size()) != 0)
-                     return std::string("the slot changed meanwhile: left alone");
-                 return doctor_write_header(kDoctorAppTable + kDoctorAppSize * slot, Bytes(kDoctorAppSize, 0));
+                 return doctor_with_sdc_locked([slot, &found](uint8_t* section) {
+                     uint8_t* entry = section + SDC_HEADER_OFFSET + kDoctorAppTable + kDoctorAppSize * slot;
+                     if (std::memcmp(entry, found.data(), found.size()) != 0)
+                         return std::string("the slot changed meanwhile: left alone");
+                     std::memset(entry, 0, kDoctorAppSize);
+                     return std::string();
+                 });
              }});
+        findings.back().section = SHM_SEC_SDC;
+        findings.back().slot = slot;
     }
     for (size_t i = 0; i < sound.size(); ++i)
         for (size_t j = i + 1; j < sound.size(); ++j) {
@@ -423,12 +566,32 @@ void doctor_check_recovery_file(DoctorFindings& findings, std::string& summary) 
 // repairs need them), then the SDC header.
 DoctorFindings doctor_check(std::string& summary) {
     DoctorFindings findings;
+    if (snapshot_active()) {
+        // A snapshot holds the segment's bytes only: the checks that read
+        // the section table and the SDC section run on it, the others are
+        // said to be skipped.
+        summary = "snapshot " + safe_text(g_snapshot_path) +
+                  " (section 26's header and slots; skipped: the semaphore sets, which a snapshot does not hold, "
+                  "and " SDC_RECOVERY_FILE ", which is this host's)";
+        if (section_size(SHM_SEC_SDC) >= SDC_HEADER_OFFSET + SDC_HEADER_SIZE) {
+            const Bytes header = read_section(SHM_SEC_SDC, SDC_HEADER_OFFSET, SDC_HEADER_SIZE);
+            doctor_check_sdc(header.data(), findings);
+        }
+        for (DoctorFinding& f : findings) {  // nothing to repair in a file
+            f.safe = false;
+            f.refusal = "a snapshot is read, never repaired";
+        }
+        return findings;
+    }
     const DoctorSegment segment = doctor_open_segment();
     summary = "segment key " + doctor_key_text(kSegmentKey) + " (id " + std::to_string(segment.id) + ", " +
               std::to_string(segment.size) + " bytes)";
     doctor_check_segment(segment, findings);
     for (const DoctorSet& set : kDoctorSets) doctor_check_set(set, findings, summary);
-    doctor_check_sdc(segment, findings);
+    const int64_t start = section_offset(SHM_SEC_SDC) + SDC_HEADER_OFFSET;
+    if (section_size(SHM_SEC_SDC) >= SDC_HEADER_OFFSET + SDC_HEADER_SIZE && start >= 0 &&
+        static_cast<uint64_t>(start + SDC_HEADER_SIZE) <= segment.size)
+        doctor_check_sdc(segment.base + start, findings);  // else the layout findings say why
     summary += ", SDC header";
     doctor_check_recovery_file(findings, summary);
     shmdt(segment.base);
@@ -436,13 +599,24 @@ DoctorFindings doctor_check(std::string& summary) {
 }
 
 json doctor_findings_json(const DoctorFindings& findings) {
+    const auto number_or_null = [](int64_t value, int64_t none) { return value == none ? json(nullptr) : json(value); };
     json list = json::array();
-    for (const DoctorFinding& f : findings)
+    for (const DoctorFinding& f : findings) {
+        const std::string process = f.pid > 0 ? process_name(f.pid) : "";
+        const char state = f.pid > 0 ? process_state(f.pid) : 0;
         list.push_back({{"check", f.check},
                         {"severity", f.severity},
                         {"what", f.what},
                         {"repair", f.repair},
-                        {"safe_repair", f.safe}});
+                        {"safe_repair", f.safe},
+                        {"section", number_or_null(f.section, -1)},
+                        {"set_key", number_or_null(f.set_key, -1)},
+                        {"member", number_or_null(f.member, -1)},
+                        {"slot", number_or_null(f.slot, -1)},
+                        {"pid", number_or_null(f.pid, 0)},
+                        {"process", process.empty() ? json(nullptr) : json(safe_text(process))},
+                        {"state", state == 0 ? json(nullptr) : json(std::string(1, state))}});
+    }
     return list;
 }
 
@@ -468,6 +642,7 @@ bool doctor_confirm(const std::string& action) {
 }
 
 void run_doctor(bool repair, bool yes) {
+    if (repair && snapshot_active()) usage_error("--repair changes the store; --snapshot reads a file: give one");
     std::string summary;
     DoctorFindings findings = doctor_check(summary);
     json repairs = json::array();
@@ -476,6 +651,10 @@ void run_doctor(bool repair, bool yes) {
         doctor_print_findings(findings);
     }
     if (repair && !findings.empty()) {
+        // Held until the last repair is done; taken only when one may run.
+        std::optional<DoctorRepairLock> serialised;
+        for (const DoctorFinding& f : findings)
+            if (f.safe && !serialised) serialised.emplace();
         // Progress goes where it does not mix with the JSON document.
         FILE* progress = g_options.json ? stderr : stdout;
         if (!g_options.json) std::printf("\n");
@@ -518,8 +697,10 @@ void run_doctor(bool repair, bool yes) {
     }
     if (!findings.empty()) {
         const size_t count = findings.size();
+        bool repairable = false;
+        for (const DoctorFinding& f : findings) repairable = repairable || f.safe;
         failure(std::to_string(count) + (count == 1 ? " problem" : " problems") + " found" +
-                (repair ? "" : " (shmtool doctor --repair applies the safe repairs)"));
+                (repair || !repairable ? "" : " (shmtool doctor --repair applies the safe repairs)"));
     }
 }
 

@@ -1,6 +1,7 @@
 // shmtool dump / poke: raw bytes of a section through the locked read and
-// write. Every argument is checked against the section table before the
-// store is touched, so bad input changes nothing.
+// write (dump --unlocked: straight from the segment attached read-only). Every
+// argument is checked against the section table before the store is touched,
+// so bad input changes nothing.
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -14,7 +15,7 @@ constexpr int64_t kDefaultDumpLength = 256;
 
 struct DumpArgs {
     std::string section, offset = "0", length;
-    bool raw = false, force = false;
+    bool raw = false, force = false, unlocked = false;
 };
 struct PokeArgs {
     std::string section, offset, hex;
@@ -28,18 +29,22 @@ void dump(const DumpArgs& args) {
                                                : parse_number(args.length, "LENGTH", 1, size - offset);
     if (args.raw && g_options.json) usage_error("--raw and --json exclude each other");
     if (args.raw) refuse_binary_on_terminal(args.force, "--force");
-    attach_existing();
-    const Bytes bytes = read_section(section, static_cast<int32_t>(offset), static_cast<int32_t>(length));
+    if (args.unlocked && snapshot_active()) usage_error("--unlocked reads the store, --snapshot a file: give one");
+    if (!args.unlocked && !snapshot_active()) attach_existing();
+    const Bytes bytes = args.unlocked ? read_section_unlocked(section, int32_t(offset), int32_t(length))
+                                      : read_section(section, int32_t(offset), int32_t(length));
     if (args.raw) return write_output("-", bytes.data(), bytes.size());
     if (g_options.json) {
         print_json({{"section", section},
                     {"offset", offset},
                     {"length", length},
-                    {"hex", hex_string(bytes.data(), bytes.size())}});
+                    {"hex", hex_string(bytes.data(), bytes.size())},
+                    {"unlocked", args.unlocked}});
         return;
     }
-    std::printf("section %d (%s), %lld of %lld bytes from offset %lld\n", section, section_role(section),
-                static_cast<long long>(length), static_cast<long long>(size), static_cast<long long>(offset));
+    std::printf("section %d (%s), %lld of %lld bytes from offset %lld%s\n", section, section_role(section),
+                static_cast<long long>(length), static_cast<long long>(size), static_cast<long long>(offset),
+                args.unlocked ? ", read without its lock (may be torn)" : "");
     print_hexdump(bytes.data(), bytes.size(), static_cast<uint64_t>(offset));
 }
 
@@ -69,6 +74,8 @@ void add_dump_commands(CLI::App& app) {
     d->add_option("LENGTH", dump_args.length, "Bytes to show; default 256 or up to the section's end");
     d->add_flag("--raw", dump_args.raw, "The bytes themselves, in binary (refused on a terminal without --force)");
     d->add_flag("--force", dump_args.force, "With --raw: write binary even to a terminal");
+    d->add_flag("--unlocked", dump_args.unlocked,
+                "Read without the section's lock, the segment attached read-only (a wedged store; may be torn)");
     d->callback([] { set_action([] { dump(dump_args); }); });
 
     static PokeArgs poke_args;

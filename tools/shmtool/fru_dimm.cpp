@@ -135,7 +135,8 @@ void dimm() {
     for (int k = 0; k < report[0]; ++k) {
         DimmWearEntry e;
         std::memcpy(&e, report.data() + 1 + sizeof e * k, sizeof e);
-        entries.push_back({{"index", e.index}, {"wear", e.wear}, {"fqdd", printable(e.fqdd, sizeof e.fqdd)}});
+        const std::string fqdd = safe_text(std::string_view(e.fqdd, strnlen(e.fqdd, sizeof e.fqdd)));
+        entries.push_back({{"index", e.index}, {"wear", e.wear}, {"fqdd", fqdd.empty() ? json(nullptr) : json(fqdd)}});
     }
     const json doc = {{"apache_pass_count", count}, {"wear", entries}};
     if (g_options.json) return print_json(doc);
@@ -144,7 +145,7 @@ void dimm() {
     if (!entries.empty()) std::printf("  %5s %6s  %s\n", "slot", "wear %", "FQDD");
     for (const json& e : entries)
         std::printf("  %5u %6u  %s\n", e["index"].get<unsigned>(), e["wear"].get<unsigned>(),
-                    e["fqdd"].get<std::string>().c_str());
+                    e["fqdd"].is_null() ? "(none)" : e["fqdd"].get<std::string>().c_str());
 }
 
 }  // namespace

@@ -17,9 +17,16 @@
 namespace shmtool {
 namespace {
 
+// Any process sets its own name (prctl PR_SET_NAME): it is shown, and put in
+// the document, through safe_text.
+// A process as info shows it: pid, name and state (/proc's letter: "S",
+// "R", "D", "T" when stopped, ...; null when it cannot be read).
 json info_process(int pid) {
     const std::string name = process_name(pid);
-    return {{"pid", pid}, {"name", name.empty() ? json(nullptr) : json(name)}};
+    const char state = process_state(pid);
+    return {{"pid", pid},
+            {"name", name.empty() ? json(nullptr) : json(safe_text(name))},
+            {"state", state == 0 ? json(nullptr) : json(std::string(1, state))}};
 }
 
 // The set's key, from IPC_STAT.
@@ -62,13 +69,19 @@ json info_unplaced(const std::vector<SemaphoreWaiter>& blocked) {
 }
 
 json collect() {
-    attach_existing();
+    // The segment's status before this process attaches: its last attach
+    // (shm_lpid, shm_atime) and its count are then the other processes'.
+    int id = shmget(kSegmentKey, 0, 0);
     shmid_ds seg{};
-    if (shmctl(gShmId, IPC_STAT, &seg) != 0) failure(std::string("shmctl IPC_STAT: ") + std::strerror(errno));
+    if (id >= 0 && shmctl(id, IPC_STAT, &seg) != 0)
+        failure("shmctl IPC_STAT of segment " + std::to_string(id) + ": " + std::strerror(errno));
+    attach_existing();  // without a store it ends the command, saying why
+    if (id < 0 && shmctl(id = gShmId, IPC_STAT, &seg) != 0)  // created meanwhile
+        failure("shmctl IPC_STAT of segment " + std::to_string(id) + ": " + std::strerror(errno));
     json doc;
     doc["self_pid"] = static_cast<int>(getpid());
     doc["segment"] = {{"key", static_cast<int64_t>(seg.shm_perm.__key)},
-                      {"id", gShmId},
+                      {"id", id},
                       {"size", static_cast<uint64_t>(seg.shm_segsz)},
                       {"mode", mode_string(seg.shm_perm.mode & 0777)},
                       {"attached", static_cast<uint64_t>(seg.shm_nattch)},
@@ -88,8 +101,8 @@ json collect() {
     json sections = json::array();
     for (int section = 0; section < SHM_SECTION_COUNT; ++section) {
         json entry = {{"section", section},
-                      {"name", section_name(section)},
-                      {"role", section_role(section)},
+                      {"name", *section_name(section) != 0 ? json(section_name(section)) : json(nullptr)},
+                      {"role", std::string(section_role(section)) != "-" ? json(section_role(section)) : json(nullptr)},
                       {"offset", section_offset(section)},
                       {"size", section_size(section)}};
         // Section n is guarded by member n - 1; the empty section 0 has none.
@@ -109,7 +122,10 @@ std::string pid_text(const json& pid, int self) {
 std::string info_who(const json& process, int self) {
     const int pid = process["pid"];
     const std::string name = process["name"].is_null() ? "gone" : process["name"].get<std::string>();
-    return "pid " + std::to_string(pid) + " (" + name + (pid == self ? ", this process" : "") + ")";
+    const std::string state = process["state"].is_null() ? "" : process["state"].get<std::string>();
+    const bool stopped = state == "T" || state == "t";
+    return "pid " + std::to_string(pid) + " (" + name + (pid == self ? ", this process" : "") +
+           (stopped ? ", stopped (send SIGCONT)" : "") + ")";
 }
 
 std::string info_unplaced_text(const json& list, int self) {
@@ -148,7 +164,7 @@ void print_text(const json& doc) {
     std::printf("  %-16s %d\n", "id", seg["id"].get<int>());
     std::printf("  %-16s %llu bytes, mode %s\n", "size", seg["size"].get<unsigned long long>(),
                 seg["mode"].get<std::string>().c_str());
-    std::printf("  %-16s %llu processes (this one included)\n", "attached", seg["attached"].get<unsigned long long>());
+    std::printf("  %-16s %llu processes\n", "attached", seg["attached"].get<unsigned long long>());
     std::printf("  %-16s %s\n", "creator pid", pid_text(seg["creator_pid"], self).c_str());
     std::printf("  %-16s pid %s at %s\n", "last attach", pid_text(seg["last_attach_pid"], self).c_str(),
                 format_time(seg["last_attach_time_seconds"]).c_str());
@@ -164,9 +180,10 @@ void print_text(const json& doc) {
                 "last pid", "waiting");
     std::string held;
     for (const json& s : doc["sections"]) {
-        const std::string name = s["name"];
+        const std::string name = s["name"].is_null() ? "-" : s["name"].get<std::string>();
+        const std::string role = s["role"].is_null() ? "-" : s["role"].get<std::string>();
         std::printf("  %3d %8lld %8d  %-15s %-24s", s["section"].get<int>(), s["offset"].get<long long>(),
-                    s["size"].get<int>(), name.empty() ? "-" : name.c_str(), s["role"].get<std::string>().c_str());
+                    s["size"].get<int>(), name.c_str(), role.c_str());
         if (s["lock"].is_null()) {
             std::printf(" -\n");
             continue;

@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common.h"
+
 namespace shmtool {
 
 std::string process_name(int pid) {
@@ -32,7 +34,9 @@ std::string process_name(int pid) {
 
 std::string describe_pid(int pid) {
     const std::string name = process_name(pid);
-    return "pid " + std::to_string(pid) + " (" + (name.empty() ? "gone" : name) + ")";
+    if (name.empty()) return "pid " + std::to_string(pid) + " (gone)";
+    const std::string note = process_state_note(pid);
+    return "pid " + std::to_string(pid) + " (" + safe_text(name) + (note.empty() ? "" : ", " + note) + ")";
 }
 
 namespace {
@@ -137,18 +141,70 @@ std::vector<int> ipc_state_call_members(int pid, const IpcStateBlockedCall& call
 
 }  // namespace
 
-bool process_alive(int pid) {
-    if (pid <= 0) return false;
-    if (kill(pid, 0) != 0 && errno == ESRCH) return false;
-    // "PID (comm) S ...": the state follows the last ')'.
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+namespace {
+
+char ipc_state_letter(const char* path) {
+    // "PID (comm) S ...": the state follows the last ')', since a name may hold one.
     const std::string stat = ipc_state_read_small(path);
     const size_t close_paren = stat.rfind(')');
-    if (close_paren == std::string::npos || close_paren + 2 >= stat.size()) return true;  // exists, unreadable
-    const char state = stat[close_paren + 2];
-    return state != 'Z' && state != 'X';
+    if (close_paren == std::string::npos || close_paren + 2 >= stat.size()) return 0;
+    return stat[close_paren + 2];
 }
+
+}  // namespace
+
+char process_state(int pid) {
+    if (pid <= 0) return 0;
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    const char leader = ipc_state_letter(path);
+    if (leader != 'Z') return leader;
+    // A leader that ended with pthread_exit is a zombie while its other
+    // threads run: the process's state is theirs.
+    std::snprintf(path, sizeof path, "/proc/%d/task", pid);
+    for (const int tid : ipc_state_ids(path)) {
+        std::snprintf(path, sizeof path, "/proc/%d/task/%d/stat", pid, tid);
+        const char state = ipc_state_letter(path);
+        if (state != 0 && state != 'Z' && state != 'X') return state;
+    }
+    return leader;
+}
+
+std::string process_state_note(int pid) {
+    switch (process_state(pid)) {
+        case 'T':
+        case 't': return "stopped (send SIGCONT)";
+        case 'Z': return "exited, not yet reaped";
+        default: return "";
+    }
+}
+
+bool process_alive(int pid) {
+    if (pid <= 0) return true;  // a process this PID namespace cannot see may be alive
+    if (kill(pid, 0) == 0 || errno != ESRCH) {
+        // It exists. A process lives while any of its threads does: a leader
+        // that ended with pthread_exit shows as a zombie while other threads
+        // still run (and may hold the lock), so every task is looked at, and
+        // only a process whose tasks are all zombies or dead counts as gone.
+        char path[64];
+        std::snprintf(path, sizeof path, "/proc/%d/task", pid);
+        const std::vector<int> tasks = ipc_state_ids(path);
+        if (tasks.empty()) return true;  // unreadable: nothing proves it gone
+        for (const int tid : tasks) {
+            std::snprintf(path, sizeof path, "/proc/%d/task/%d/stat", pid, tid);
+            errno = 0;
+            const char state = ipc_state_letter(path);
+            if (state == 0 && errno == ENOENT) continue;  // the thread ended while the list was read
+            if (state != 'Z' && state != 'X') return true;  // running, or unreadable: may be alive
+        }
+        // Every task is a zombie (or ended meanwhile): the kernel has released
+        // the process's semaphore adjustments, and it runs no code any more.
+        return false;
+    }
+    return false;  // ESRCH: no process with this pid in this namespace
+}
+
+bool process_gone(int pid) { return pid > 0 && !process_alive(pid); }
 
 std::vector<SemaphoreWaiter> semaphore_waiters(int sem_id) {
     std::vector<SemaphoreWaiter> waiters;

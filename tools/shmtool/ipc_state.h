@@ -11,9 +11,20 @@ namespace shmtool {
 std::string process_name(int pid);
 // "pid 812 (fand)", or "pid 812 (gone)" when no such process exists.
 std::string describe_pid(int pid);
-// Whether the process exists and has not exited. A zombie counts as gone: the
-// kernel applied its SEM_UNDO adjustments when it exited.
+// The process's state letter from /proc/PID/stat ('R', 'S', 'D', 'T', 't',
+// 'Z', ...), or 0 when it cannot be read.
+char process_state(int pid);
+// What an operator should know of that state: "stopped (send SIGCONT)" for a
+// stopped or traced process, "" for one that runs or sleeps.
+std::string process_state_note(int pid);
+// Whether the process may be alive. Only evidence that cannot belong to a live
+// process makes it gone: kill() finds no such pid in this namespace, or every
+// one of its threads (/proc/PID/task) is a zombie. A pid of 0 or less (a
+// process outside this PID namespace, as the kernel shows it) and a process
+// whose /proc entries cannot be read count as alive.
 bool process_alive(int pid);
+// The opposite for a real pid: true only when the process is provably gone.
+bool process_gone(int pid);
 
 // A process blocked in semop or semtimedop on one semaphore set.
 struct SemaphoreWaiter {

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "common.h"
+#include "options.h"
 
 using namespace shmtool;
 
@@ -53,6 +54,8 @@ std::string unknown_command(const CLI::App& app, int argc, char** argv) {
 int main(int argc, char** argv) {
     route_output();
     CLI::App app{"Look into the shared-memory state store and change it by hand.", "shmtool"};
+    // Help in the tool's words: every subcommand takes its parent's formatter.
+    app.formatter(plain_help_formatter());
     app.footer(
         "Exit status: 0 success, 1 the library (or the system) reported a failure, 2 usage error or bad "
         "input (nothing changed).\nRun 'shmtool COMMAND --help' for a command's arguments.");
@@ -92,7 +95,15 @@ int main(int argc, char** argv) {
             std::fputs(out.str().c_str(), stdout);
             return finish(kOk);
         }
-        const std::string command = unknown_command(app, argc, argv);
+        // A value an option refused is reported in the option's words
+        // (options.h), wherever the option stood. Only a word the parser
+        // could not place, or a missing command, may be a command the tool
+        // does not have.
+        if (dynamic_cast<const CLI::ValidationError*>(&e) != nullptr)
+            return finish(report(kUsage, e.what()));
+        const bool misplaced = dynamic_cast<const CLI::ExtrasError*>(&e) != nullptr ||
+                               dynamic_cast<const CLI::RequiredError*>(&e) != nullptr;
+        const std::string command = misplaced ? unknown_command(app, argc, argv) : "";
         const std::string message = command.empty() ? std::string(e.what()) + " (see shmtool --help)"
                                                     : "unknown command '" + command + "' (see shmtool --help)";
         return finish(report(kUsage, message.c_str()));

@@ -36,6 +36,9 @@ void check_name(const std::string& name);
 
 // Registers `name` through the library; its slot, or status 1.
 int register_app(const std::string& name);
+// Frees slot `id` (zeroes its 25 bytes) if it still holds `name`, compared
+// and written under section 26's lock; false when it holds something else.
+bool release_slot(int id, const std::string& name);
 // One poll of slot `id` into `buffer` (SDC_POLL_BUFFER_SIZE bytes); the
 // number of bytes delivered, counted from the slot's read position.
 size_t poll_once(int id, Bytes& buffer);

@@ -56,69 +56,31 @@ bool last_in_range(const SdcHeader& h, int slot) { return last(h, slot) < SDC_RI
 
 bool ring_empty(const SdcHeader& h) { return h.Head == 0 && h.Tail == 0 && h.Written == 0; }
 
-namespace {
-
-const char* sdc_image_file_type(mode_t mode) {
-    switch (mode & S_IFMT) {
-        case S_IFIFO: return "a FIFO";
-        case S_IFDIR: return "a directory";
-        case S_IFCHR: return "a character device";
-        case S_IFBLK: return "a block device";
-        case S_IFSOCK: return "a socket";
-        default: return "not a regular file";
-    }
-}
-
-// Reads exactly `length` bytes at `offset`; false on a short read or error.
-bool sdc_image_pread(int fd, uint8_t* to, size_t length, off_t offset) {
-    size_t done = 0;
-    while (done < length) {
-        const ssize_t n = pread(fd, to + done, length - done, offset + static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-}  // namespace
-
 std::string image_problem(const std::string& path, Bytes* image) {
-    // O_NONBLOCK: a FIFO without a writer must not hold the command in open().
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0)
-        return errno == ENOENT ? path + " does not exist" : "cannot open " + path + ": " + std::strerror(errno);
-    std::string problem;
-    struct stat status {};
+    UntrustedFile file;
+    if (std::string problem = file.open(path); !problem.empty()) return problem;
+    const std::string& shown = file.shown();
     char signature[sizeof SdcHeader{}.Signature] = {};
-    const off_t signature_offset = SDC_HEADER_OFFSET + offsetof(SdcHeader, Signature);
-    if (fstat(fd, &status) != 0) {
-        problem = "cannot examine " + path + ": " + std::strerror(errno);
-    } else if (!S_ISREG(status.st_mode)) {
-        problem = path + " is not a regular file (" + sdc_image_file_type(status.st_mode) + ")";
-    } else if (status.st_size != SDC_RECOVERY_FILE_SIZE) {
-        problem = path + " is " + std::to_string(status.st_size) + " bytes, not " +
-                  std::to_string(SDC_RECOVERY_FILE_SIZE) + " (an image of the whole section)";
-    } else if (!sdc_image_pread(fd, reinterpret_cast<uint8_t*>(signature), sizeof signature, signature_offset)) {
-        problem = "cannot read the signature of " + path;
-    } else if (std::memcmp(signature, SDC_SIGNATURE, sizeof signature) != 0) {
-        problem = path + " has no valid signature (\"" + printable(signature, sizeof signature) + "\" at offset " +
-                  std::to_string(signature_offset) + ", not \"" SDC_SIGNATURE "\")";
-    } else if (image != nullptr) {
+    const int64_t signature_offset = SDC_HEADER_OFFSET + offsetof(SdcHeader, Signature);
+    if (file.size() != SDC_RECOVERY_FILE_SIZE)
+        return shown + " is " + std::to_string(file.size()) + " bytes, not " + std::to_string(SDC_RECOVERY_FILE_SIZE) +
+               " (an image of the whole section)";
+    if (!file.read(signature, sizeof signature, signature_offset)) return "cannot read the signature of " + shown;
+    if (std::memcmp(signature, SDC_SIGNATURE, sizeof signature) != 0)
+        return shown + " has no valid signature (\"" + printable(signature, sizeof signature) + "\" at offset " +
+               std::to_string(signature_offset) + ", not \"" SDC_SIGNATURE "\")";
+    if (image != nullptr) {
         image->assign(SDC_RECOVERY_FILE_SIZE, 0);
-        uint8_t extra = 0;
-        if (!sdc_image_pread(fd, image->data(), image->size(), 0) ||
-            pread(fd, &extra, 1, SDC_RECOVERY_FILE_SIZE) != 0)
-            problem = path + " changed size while it was read";
+        if (!file.read(image->data(), image->size(), 0) || !file.ends_at(SDC_RECOVERY_FILE_SIZE))
+            return shown + " changed size while it was read";
     }
-    close(fd);
-    return problem;
+    return "";
 }
 
 void refuse_restore_over_data(const SdcHeader& h, const std::string& image_path) {
     if (ring_empty(h)) return;
     failure("the SDC ring is not empty (" + std::string(state(h)) + ", " + std::to_string(size(h)) +
-            " bytes held): restoring " + image_path +
+            " bytes held): restoring " + safe_text(image_path) +
             " would replace them; nothing was changed (shmtool sdc save FILE keeps them; --force restores "
             "anyway)");
 }
@@ -194,7 +156,7 @@ std::string directory_of(const std::string& path) {
 void write_atomically(const std::string& path, const Bytes& image) {
     std::string temporary = path + ".XXXXXX";
     const int fd = mkstemp(temporary.data());
-    if (fd < 0) failure("cannot create a temporary file beside " + path + ": " + std::strerror(errno));
+    if (fd < 0) failure("cannot create a temporary file beside " + safe_text(path) + ": " + std::strerror(errno));
     size_t done = 0;
     bool ok = fchmod(fd, 0644) == 0;
     while (ok && done < image.size()) {
@@ -209,7 +171,7 @@ void write_atomically(const std::string& path, const Bytes& image) {
     if (!ok || rename(temporary.c_str(), path.c_str()) != 0) {
         const int cause = ok ? errno : error;
         unlink(temporary.c_str());
-        failure("cannot write " + path + ": " + std::strerror(cause));
+        failure("cannot write " + safe_text(path) + ": " + std::strerror(cause));
     }
     const int dir = open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir >= 0) {
@@ -219,6 +181,7 @@ void write_atomically(const std::string& path, const Bytes& image) {
 }
 
 void save(const std::string& path, bool force) {
+    if (!snapshot_active()) attach_existing();  // a store is saved, never created
     if (section_size(SHM_SEC_SDC) != SDC_RECOVERY_FILE_SIZE)
         failure("section 26 is " + std::to_string(section_size(SHM_SEC_SDC)) + " bytes, not the image's " +
                 std::to_string(SDC_RECOVERY_FILE_SIZE));
@@ -233,9 +196,9 @@ void save(const std::string& path, bool force) {
         failure("section 26 has Head/Tail out of range; a restored image would break every SDC call (--force "
                 "saves it anyway)");
     write_atomically(path, image);
-    print_result({{"file", path}, {"bytes", image.size()}, {"state", state(h)}, {"size", size(h)}},
+    print_result({{"file", safe_text(path)}, {"bytes", image.size()}, {"state", state(h)}, {"size", size(h)}},
                  "saved section " + std::to_string(SHM_SEC_SDC) + " (" + std::to_string(image.size()) + " bytes, ring " +
-                     state(h) + ", " + std::to_string(size(h)) + " bytes held) to " + path);
+                     state(h) + ", " + std::to_string(size(h)) + " bytes held) to " + safe_text(path));
 }
 
 // The image goes over the whole section in one locked write: a reader of
@@ -250,12 +213,12 @@ void restore(const std::string& path, bool force) {
     SdcHeader saved;
     std::memcpy(&saved, image.data() + SDC_HEADER_OFFSET, sizeof saved);
     if (!force && !indexes_valid(saved))
-        usage_error("not restored: " + path +
+        usage_error("not restored: " + safe_text(path) +
                     " has Head/Tail out of range, which would break every SDC call (--force restores it anyway)");
     if (!force) refuse_restore_over_data(read_header(), path);
     write_section(SHM_SEC_SDC, 0, image);
-    print_result({{"file", path}, {"state", state(saved)}, {"size", size(saved)}},
-                 "restored section " + std::to_string(SHM_SEC_SDC) + " from " + path + " (ring " + state(saved) + ", " +
+    print_result({{"file", safe_text(path)}, {"state", state(saved)}, {"size", size(saved)}},
+                 "restored section " + std::to_string(SHM_SEC_SDC) + " from " + safe_text(path) + " (ring " + state(saved) + ", " +
                      std::to_string(size(saved)) + " bytes held)");
 }
 
@@ -268,10 +231,15 @@ void add_sdc_image_commands(CLI::App& sdc_app) {
     sdc_app.add_subcommand("status", "State, Head/Tail/Written, size, signature, applications and their lag")
         ->callback([] {
             set_action([] {
-                attach_existing();  // a read-only command never creates the store
-                const json doc = sdc::status_json(sdc::read_header());
+                if (!snapshot_active()) attach_existing();  // a read-only command never creates the store
+                const SdcHeader h = sdc::read_header();
+                const json doc = sdc::status_json(h);
                 if (g_options.json) print_json(doc);
                 else sdc::print_status(doc);
+                // As systemctl status does for a failed unit: shown, then status 1.
+                if (!sdc::indexes_valid(h))
+                    failure("the SDC header is invalid: Head or Tail lies outside the ring, so every SDC call fails "
+                            "(shmtool doctor --repair resets them)");
             });
         });
 

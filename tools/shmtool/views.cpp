@@ -2,6 +2,7 @@
 // records, capability words, VR sensor enablement, power and form factor.
 // Everything comes from the library's typed accessors.
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "common.h"
@@ -11,29 +12,32 @@ namespace {
 
 constexpr uint32_t kRequiredProgress = 0x00402062;  // bits 1, 5, 6, 13, 22 make the summary bit
 
+// The platform predicates: the JSON key (the call's name in snake_case, as
+// every key of the tool is) and the library call the text view names.
 struct Predicate {
-    const char* name;
-    int (*answer)();
+    const char* key;
+    const char* call;
+    bool (*answer)();
 };
 const Predicate kPredicates[] = {
-    {"isAMD", [] { return int(isAMD()); }},
-    {"is14GAMD", [] { return int(is14GAMD()); }},
-    {"is15GAMD", [] { return int(is15GAMD()); }},
-    {"is16G", [] { return int(is16G()); }},
-    {"isQV", [] { return int(isQV()); }},
-    {"isVarduna", [] { return int(isVarduna()); }},
-    {"isTesk", [] { return int(isTesk()); }},
-    {"isMorvast", [] { return int(isMorvast()); }},
-    {"isQillan", [] { return int(isQillan()); }},
-    {"isDunmarch", [] { return int(isDunmarch()); }},
-    {"is_ngm", [] { return int(is_ngm()); }},
-    {"is_modular_brask_chassis", [] { return int(is_modular_brask_chassis()); }},
-    {"IsBootFirstPolicyEnabled", [] { return int(IsBootFirstPolicyEnabled()); }},
-    {"isPowerOnHookAvailable", [] { return int(isPowerOnHookAvailable()); }},
-    {"IsCPDimmPollingSupported", [] { return int(IsCPDimmPollingSupported()); }},
-    {"IsCPCpuCupsSupported", [] { return int(IsCPCpuCupsSupported()); }},
-    {"isBiosDonePost", [] { return int(isBiosDonePost()); }},
-    {"serialPECIPresent", [] { return int(serialPECIPresent()); }},
+    {"is_amd", "isAMD", [] { return isAMD() != 0; }},
+    {"is_14g_amd", "is14GAMD", [] { return is14GAMD() != 0; }},
+    {"is_15g_amd", "is15GAMD", [] { return is15GAMD() != 0; }},
+    {"is_16g", "is16G", [] { return is16G() != 0; }},
+    {"is_qv", "isQV", [] { return isQV() != 0; }},
+    {"is_varduna", "isVarduna", [] { return isVarduna() != 0; }},
+    {"is_tesk", "isTesk", [] { return isTesk() != 0; }},
+    {"is_morvast", "isMorvast", [] { return isMorvast() != 0; }},
+    {"is_qillan", "isQillan", [] { return isQillan() != 0; }},
+    {"is_dunmarch", "isDunmarch", [] { return isDunmarch() != 0; }},
+    {"is_ngm", "is_ngm", [] { return is_ngm() != 0; }},
+    {"is_modular_brask_chassis", "is_modular_brask_chassis", [] { return is_modular_brask_chassis() != 0; }},
+    {"is_boot_first_policy_enabled", "IsBootFirstPolicyEnabled", [] { return IsBootFirstPolicyEnabled() != 0; }},
+    {"is_power_on_hook_available", "isPowerOnHookAvailable", [] { return isPowerOnHookAvailable() != 0; }},
+    {"is_cp_dimm_polling_supported", "IsCPDimmPollingSupported", [] { return IsCPDimmPollingSupported() != 0; }},
+    {"is_cp_cpu_cups_supported", "IsCPCpuCupsSupported", [] { return IsCPCpuCupsSupported() != 0; }},
+    {"is_bios_done_post", "isBiosDonePost", [] { return isBiosDonePost() != 0; }},
+    {"serial_peci_present", "serialPECIPresent", [] { return serialPECIPresent() != 0; }},
 };
 
 std::string bit_list(uint32_t word) {
@@ -61,7 +65,7 @@ json collect_platform() {
     uint8_t slot = 0;
     // The slot is meaningful on a modular platform only (the library refuses otherwise).
     record["blade_slot"] = platform_type == 2 && Vond_get_blade_slot_num(&slot) == 0 ? json(slot) : json(nullptr);
-    record["quorx_type"] = Vond_get_quorx_type();
+    record["controller_type"] = Vond_get_quorx_type();
     record["generation"] = Vond_get_generation();
     record["modular_chassis_type"] = Vond_get_modular_chassis_type();
     record["post_update"] = Vond_get_post_update();
@@ -72,7 +76,7 @@ json collect_platform() {
     for (int bit = 0; bit < 32; ++bit)
         if (Vond_get_quorx_progress(bit)) progress |= 1u << bit;
     json predicates;
-    for (const Predicate& p : kPredicates) predicates[p.name] = p.answer();
+    for (const Predicate& p : kPredicates) predicates[p.key] = p.answer();
     return {{"record", record},
             {"progress",
              {{"word", progress},
@@ -80,7 +84,10 @@ json collect_platform() {
               {"summary", (progress & 1) != 0},
               {"required_missing", bits_array(kRequiredProgress & ~progress)}}},
             {"predicates", predicates},
-            {"product_type", Vond_get_product_type()}};
+            {"product_type", Vond_get_product_type()},
+            // The product type comes from the marker file /tmp/ec of the host
+            // the tool runs on, not from the store: offline, it is this host's.
+            {"product_type_from_this_host", snapshot_active()}};
 }
 
 std::string generation_text(unsigned generation) {
@@ -97,20 +104,21 @@ void print_platform(const json& doc) {
     if (chassis == 1 || chassis == 3 || chassis == 5) chassis_notes += ", brask";
     if (chassis & 8) chassis_notes += ", ngm bit";
     std::printf("platform identity (section %d)\n", SHM_SEC_PLATFORM_ID);
-    std::printf("  %-18s %u%s\n", "platform type", r["platform_type"].get<unsigned>(),
+    std::printf("  %-20s %u%s\n", "platform type", r["platform_type"].get<unsigned>(),
                 r["platform_type"] == 2 ? " (modular)" : "");
-    std::printf("  %-18s %u\n", "system id", r["system_id"].get<unsigned>());
-    std::printf("  %-18s %s\n", "blade slot",
-                r["blade_slot"].is_null() ? "- (not modular)" : std::to_string(r["blade_slot"].get<unsigned>()).c_str());
-    std::printf("  %-18s %u\n", "controller type", r["quorx_type"].get<unsigned>());
-    std::printf("  %-18s %u (%s)\n", "generation", r["generation"].get<unsigned>(),
+    std::printf("  %-20s %u\n", "system id", r["system_id"].get<unsigned>());
+    std::printf("  %-20s %s\n", "blade slot",
+                r["blade_slot"].is_null() ? "none (not modular)" : std::to_string(r["blade_slot"].get<unsigned>()).c_str());
+    std::printf("  %-20s %u\n", "controller type", r["controller_type"].get<unsigned>());
+    std::printf("  %-20s %u (%s)\n", "generation", r["generation"].get<unsigned>(),
                 generation_text(r["generation"]).c_str());
-    std::printf("  %-18s %u (0x%02x%s)\n", "chassis type", chassis, chassis, chassis_notes.c_str());
-    std::printf("  %-18s %u\n", "post update", r["post_update"].get<unsigned>());
-    std::printf("  %-18s %u%s\n", "cpu type", r["cpu_type"].get<unsigned>(), r["cpu_type"] == 1 ? " (AMD)" : "");
-    std::printf("  %-18s %u\n", "serial PECI flag", r["serial_peci_flag"].get<unsigned>());
-    std::printf("  %-18s %u (/tmp/ec %s)\n", "product type", doc["product_type"].get<unsigned>(),
-                doc["product_type"] == 1 ? "present" : "absent");
+    std::printf("  %-20s %u (0x%02x%s)\n", "modular chassis type", chassis, chassis, chassis_notes.c_str());
+    std::printf("  %-20s %u\n", "post update", r["post_update"].get<unsigned>());
+    std::printf("  %-20s %u%s\n", "cpu type", r["cpu_type"].get<unsigned>(), r["cpu_type"] == 1 ? " (AMD)" : "");
+    std::printf("  %-20s %u\n", "serial PECI flag", r["serial_peci_flag"].get<unsigned>());
+    std::printf("  %-20s %u (/tmp/ec %s%s)\n", "product type", doc["product_type"].get<unsigned>(),
+                doc["product_type"] == 1 ? "present" : "absent",
+                doc["product_type_from_this_host"] ? " on this host, not in the snapshot" : "");
 
     const json& p = doc["progress"];
     const uint32_t word = p["word"];
@@ -121,11 +129,38 @@ void print_platform(const json& doc) {
                 missing == 0 ? "bits 1 5 6 13 22 all set" : ("missing " + bit_list(missing)).c_str());
 
     std::printf("\npredicates\n");
-    for (const auto& [name, answer] : doc["predicates"].items())
-        std::printf("  %-26s %s\n", name.c_str(), yes_no(answer == 1).c_str());
+    const json& answers = doc["predicates"];
+    for (const Predicate& predicate : kPredicates)
+        std::printf("  %-26s %s\n", predicate.call, yes_no(answers[predicate.key].get<bool>()).c_str());
 }
 
 // ----------------------------------------------------------------- time
+
+// The OS data collection date as the library gives it: "yyyymmddhhmmss",
+// ".", six digits of microseconds, and the offset from UTC in minutes ("+000"
+// in every date the library writes). True with the seconds since the epoch
+// (UTC, microseconds dropped) for a real date; false for "N/A" (never
+// collected) and for anything else.
+bool views_collection_date(const std::string& text, int64_t& seconds) {
+    if (text.size() != 25 || text[14] != '.' || (text[21] != '+' && text[21] != '-')) return false;
+    for (size_t i = 0; i < text.size(); ++i)
+        if (i != 14 && i != 21 && (text[i] < '0' || text[i] > '9')) return false;
+    const auto field = [&text](size_t at, size_t length) { return std::stoi(text.substr(at, length)); };
+    const int year = field(0, 4), month = field(4, 2), day = field(6, 2);
+    const int hour = field(8, 2), minute = field(10, 2), second = field(12, 2), offset = field(22, 3);
+    static const int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    if (month < 1 || month > 12 || day < 1 || day > kDays[month - 1] + (month == 2 && leap) || hour > 23 ||
+        minute > 59 || second > 59)
+        return false;
+    // Days from 1970-01-01 to the date in the proleptic Gregorian calendar.
+    const int64_t y = year - (month <= 2), era = (y >= 0 ? y : y - 399) / 400, year_of_era = y - era * 400;
+    const int64_t day_of_year = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+    const int64_t day_of_era = year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year;
+    const int64_t days = era * 146097 + day_of_era - 719468;
+    seconds = days * 86400 + hour * 3600 + minute * 60 + second - (text[21] == '-' ? -1 : 1) * offset * 60;
+    return true;
+}
 
 json collect_time() {
     attach_existing();
@@ -138,11 +173,19 @@ json collect_time() {
     char collected[32] = "";
     if (const int32_t r = Vond_get_OSDataCollectionDate(collected); r != 0)
         library_failure("Vond_get_OSDataCollectionDate", r, "cannot read the OS data section (19)");
+    const std::string collected_text(collected, strnlen(collected, sizeof collected));
+    int64_t collected_seconds = 0;
+    const bool dated = views_collection_date(collected_text, collected_seconds);
+    // The boot time is the EOP time, which the library gives as ctime text in
+    // local time: the ISO form is made from the number, not from that text.
     return {{"eop_time", eop == 0 ? json(nullptr) : json(iso_time(eop))},
             {"eop_time_seconds", eop},
-            {"boot_time", eop == 0 ? json(nullptr) : json(boot)},
+            {"boot_time", eop == 0 ? json(nullptr) : json(iso_time(eop))},
+            {"boot_time_text", eop == 0 ? json(nullptr) : json(safe_text(boot))},
             {"uptime_seconds", eop == 0 ? json(nullptr) : json(Vond_get_SysUpTime())},
-            {"os_data_collection_date", collected}};
+            {"os_data_collection_date", dated ? json(iso_time(collected_seconds)) : json(nullptr)},
+            {"os_data_collection_date_seconds", dated ? json(collected_seconds) : json(nullptr)},
+            {"os_data_collection_date_text", safe_text(collected_text)}};
 }
 
 void print_time(const json& doc) {
@@ -150,11 +193,16 @@ void print_time(const json& doc) {
     std::printf("%-24s %u%s\n", "EOP time", eop, eop == 0 ? " (not set)" : "");
     if (!doc["boot_time"].is_null()) {
         const int uptime = doc["uptime_seconds"];
-        std::printf("%-24s %s\n", "boot time", doc["boot_time"].get<std::string>().c_str());
+        std::printf("%-24s %s\n", "boot time", doc["boot_time_text"].get<std::string>().c_str());
         std::printf("%-24s %d s (%dd %02d:%02d:%02d)\n", "up-time", uptime, uptime / 86400, uptime / 3600 % 24,
                     uptime / 60 % 60, uptime % 60);
     }
-    std::printf("%-24s %s\n", "OS data collection date", doc["os_data_collection_date"].get<std::string>().c_str());
+    const std::string stored = doc["os_data_collection_date_text"];
+    const json& seconds = doc["os_data_collection_date_seconds"];
+    std::printf("%-24s %s\n", "OS data collection date",
+                !seconds.is_null() ? (format_time(seconds.get<int64_t>()) + " (" + stored + ")").c_str()
+                : stored == "N/A"  ? "never (N/A)"
+                                   : (stored + " (not a date)").c_str());
 }
 
 // ------------------------------------------------------------ capability words

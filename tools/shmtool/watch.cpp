@@ -1,6 +1,7 @@
 // shmtool watch: a section's decoded view (platform, time, caps, power, sdc
 // status) or a hex dump, drawn again every interval, with what changed since
-// the last draw marked: reverse video on a terminal, else a line of '^' under
+// the last draw marked: reverse video on a terminal that shows escape
+// sequences, else (not a terminal, TERM unset or "dumb") a line of '^' under
 // the changed characters (or bytes, in a hex dump).
 #include <signal.h>
 #include <unistd.h>
@@ -14,10 +15,13 @@
 #include <vector>
 
 #include "common.h"
+#include "options.h"
 #include "sdc.h"
 
 namespace shmtool {
 namespace {
+
+constexpr int64_t kWatchMaxCount = 1000000000;
 
 struct WatchArgs {
     std::string section, offset = "0", length;
@@ -66,11 +70,18 @@ WatchView watch_view_of(int section) {
     }
 }
 
+// Clearing the screen and reverse video need a terminal that shows escape
+// sequences: not a file or pipe, and not one whose TERM is unset or "dumb".
+bool watch_escapes_shown() {
+    const char* term = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && term != nullptr && *term != 0 && std::string(term) != "dumb";
+}
+
 const char* const kWatchOn = "\033[7m";
 const char* const kWatchOff = "\033[0m";
 
 // Text: each character that differs from the same place of the last draw.
-void watch_print_text(const std::string& now, const std::string& before, bool first, bool terminal) {
+void watch_print_text(const std::string& now, const std::string& before, bool first, bool escapes) {
     std::vector<std::string> old_lines;
     for (size_t start = 0; start < before.size();) {
         const size_t end = before.find('\n', start);
@@ -87,7 +98,7 @@ void watch_print_text(const std::string& now, const std::string& before, bool fi
         bool changed = false;
         for (size_t i = 0; i < line.size(); ++i)
             if (!first && (i >= old.size() || old[i] != line[i])) marks[i] = '^', changed = true;
-        if (!terminal) {
+        if (!escapes) {
             std::printf("%s\n", line.c_str());
             if (changed) {
                 while (!marks.empty() && marks.back() == ' ') marks.pop_back();
@@ -105,7 +116,7 @@ void watch_print_text(const std::string& now, const std::string& before, bool fi
 }
 
 // The dump's layout (print_hexdump), with changed bytes marked.
-void watch_print_hex(const Bytes& now, const Bytes& before, uint64_t base, bool terminal) {
+void watch_print_hex(const Bytes& now, const Bytes& before, uint64_t base, bool escapes) {
     for (size_t row = 0; row < now.size(); row += 16) {
         std::string marks(10 + 16 * 3 + 1, ' ');
         bool changed = false;
@@ -122,14 +133,14 @@ void watch_print_hex(const Bytes& now, const Bytes& before, uint64_t base, bool 
                 marks[column] = marks[column + 1] = '^';
                 changed = true;
             }
-            if (differs && terminal) std::printf("%s%02x%s ", kWatchOn, now[i], kWatchOff);
+            if (differs && escapes) std::printf("%s%02x%s ", kWatchOn, now[i], kWatchOff);
             else std::printf("%02x ", now[i]);
         }
         std::printf(" |");
         for (size_t i = row; i < row + 16 && i < now.size(); ++i)
             std::putchar(now[i] >= 0x20 && now[i] < 0x7f ? now[i] : '.');
         std::printf("|\n");
-        if (changed && !terminal) {
+        if (changed && !escapes) {
             while (marks.back() == ' ') marks.pop_back();
             std::printf("%s\n", marks.c_str());
         }
@@ -152,7 +163,7 @@ void watch(const WatchArgs& args) {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 
-    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const bool escapes = watch_escapes_shown();
     std::string last_text;
     Bytes last_bytes;
     const char* name = section_name(section);
@@ -161,12 +172,12 @@ void watch(const WatchArgs& args) {
         Bytes bytes;
         if (view != nullptr) text = watch_capture(view);
         else bytes = read_section(section, static_cast<int32_t>(offset), static_cast<int32_t>(length));
-        if (terminal) std::fputs("\033[H\033[2J", stdout);
+        if (escapes) std::fputs("\033[H\033[2J", stdout);
         const time_t now = std::time(nullptr);
         std::printf("watch section %d%s%s%s, every %g s, draw %lld at %s\n", section, *name ? " (" : "", name,
                     *name ? ")" : "", args.interval, static_cast<long long>(draw), format_time(now).c_str());
-        if (view != nullptr) watch_print_text(text, last_text, draw == 1, terminal);
-        else watch_print_hex(bytes, draw == 1 ? bytes : last_bytes, static_cast<uint64_t>(offset), terminal);
+        if (view != nullptr) watch_print_text(text, last_text, draw == 1, escapes);
+        else watch_print_hex(bytes, draw == 1 ? bytes : last_bytes, static_cast<uint64_t>(offset), escapes);
         check_output();
         last_text = std::move(text);
         last_bytes = std::move(bytes);
@@ -188,12 +199,11 @@ void add_watch_command(CLI::App& app) {
     w->add_option("SECTION", args.section, "Section number 1-33 or name")->required();
     w->add_option("OFFSET", args.offset, "Hex dump: byte offset in the section, default 0");
     w->add_option("LENGTH", args.length, "Hex dump: bytes to show; default 256 or up to the section's end");
-    w->add_option("-i,--interval", args.interval, "Seconds between draws (default 1)")
-        ->option_text("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0));
-    w->add_option("-n,--count", args.count, "Stop after COUNT draws (default: until interrupted)")
-        ->option_text("COUNT")
-        ->check(CLI::PositiveNumber);
+    add_seconds_option(*w, "-i,--interval", args.interval, "Seconds between draws, 0.01 to 86400 (default 1)", 0.01,
+                       86400);
+    // No -n: across the tool, -n counts records or lines (demo -n, tail -n).
+    add_count_option(*w, "--count", args.count, "Stop after COUNT draws (default: until interrupted)", 1,
+                     kWatchMaxCount);
     w->add_flag("-x,--hex", args.hex, "A hex dump even of a section with a decoded view");
     w->callback([] { set_action([] { watch(args); }); });
 }

@@ -4,7 +4,6 @@
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <ctime>
@@ -20,11 +19,12 @@ union SemArgument {  // the fourth argument of semctl, which callers define
     unsigned short* array;
 };
 
+// System V objects take the mode bits they are given (the umask does not
+// apply to them), so the process's umask is left alone: changing it would
+// change the modes of files other threads create meanwhile.
 int create_set(int32_t key, int32_t count, int flags, int& error_number) {
-    const mode_t saved = umask(0);
     const int id = semget(key, count, flags);
     error_number = errno;
-    umask(saved);
     return id;
 }
 

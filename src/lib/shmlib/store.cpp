@@ -5,7 +5,6 @@
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 
@@ -92,10 +91,8 @@ SHM_EXPORT int32_t Vond_shm_init_shm(void) {
         return 0;
     }
 
-    if (gShmId < 0) {
-        const mode_t saved = umask(0);
+    if (gShmId < 0) {  // mode 0666 as given: the umask does not apply to System V objects
         gShmId = shmget(shm::kSegmentKey, shm::kSegmentSize, IPC_CREAT | shm::kIpcMode);
-        umask(saved);
     }
     if (gShmId < 0) {
         lock.release();

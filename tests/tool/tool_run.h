@@ -1,0 +1,75 @@
+// Running shmtool as an operator does, for the tool's test programs: its own
+// process (through the cross build's emulator where there is one), stdin from
+// /dev/null, stdout and stderr to files the test reads back.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <signal.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "harness.h"
+
+namespace tool {
+
+using json = nlohmann::json;
+using Args = std::vector<std::string>;
+using Bytes = std::vector<uint8_t>;
+// Arrays, so every file of the program sees one address (run() compares it).
+inline constexpr char kOut[] = "/tmp/tool.out";
+inline constexpr char kErr[] = "/tmp/tool.err";
+
+inline std::string slurp(const char* path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
+
+// The tool (after the emulator's words, if any) with `args`: stdin from
+// /dev/null, stdout to `out`, stderr to kErr; with `environment`
+// ("NAME=value ...") added to its environment, and its stdout through the
+// shell command `pipe_to` (whose own output goes to `out`) when one is given.
+inline pid_t start_in(const Args& args, const std::string& environment, const std::string& pipe_to = "",
+                      const char* out = kOut) {
+    std::string line = (pipe_to.empty() ? "exec env " : "env ") + environment + " '" +
+                       std::regex_replace(SHMTOOL_COMMAND, std::regex("\\|"), "' '") + "'";
+    for (const std::string& arg : args) line += " '" + arg + "'";
+    line += " </dev/null 2>" + std::string(kErr) + (pipe_to.empty() ? "" : " | " + pipe_to) + " >" + out;
+    return test::start_child([&] { return execl("/bin/sh", "sh", "-c", line.c_str(), nullptr); });
+}
+inline pid_t start(const Args& args, const char* out = kOut) { return start_in(args, "", "", out); }
+
+// Whether the tool runs under an emulator, where a preloaded library would
+// meet the emulator first.
+inline bool emulated() { return std::string(SHMTOOL_COMMAND).find('|') != std::string::npos; }
+
+struct Result { int status; std::string out, err; };  // status -1: killed, or at the time limit
+inline Result run(const Args& args, const char* out = kOut) {
+    const test::ChildResult c = test::wait_child(start(args, out), 100);
+    return {c.exited ? c.code : -1, out == kOut ? slurp(kOut) : "", slurp(kErr)};
+}
+
+// The running tool's stdout once it holds `size` bytes, or after a minute.
+inline std::string output_of_size(size_t size) {
+    std::string out;
+    for (int i = 0; i < 6000 && (out = slurp(kOut)).size() < size; ++i) usleep(10000);
+    return out;
+}
+
+inline Bytes section(int32_t sec) {
+    Bytes b(size_t(gShmSecSize[sec]));
+    EXPECT_EQ(Vond_shm_memread(sec, b.data(), 0, int32_t(b.size())), 0);
+    return b;
+}
+
+inline void sdc_write(const std::string& text) {
+    const uint32_t n = uint32_t(text.size());
+    ASSERT_EQ(Vond_shm_write_sdc(&n, text.data()), 0);
+}
+
+}  // namespace tool
