@@ -1,9 +1,9 @@
 #!/bin/sh
 # Runs the examples in order on one private store (inside tests/sandbox.sh)
 # and checks what they print. SHM_RUN is the emulator of a cross build, if any.
-#   run.sh PUBLISHER READER SDC_PAIR
+#   run.sh PUBLISHER READER SDC_PAIR CONSUMER
 set -eu
-publisher=$1 reader=$2 pair=$3
+publisher=$1 reader=$2 pair=$3 consumer=$4
 run() { ${SHM_RUN:-} "$@"; }
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
@@ -18,4 +18,16 @@ done
 out=$(run "$pair")
 echo "$out"
 [ "$out" = "$(printf 'record %d\n' 1 2 3 4 5)" ] || fail "sdc_pair did not deliver records 1 to 5 in order"
+out=$(run "$consumer")
+echo "$out"
+expected='platform type 2, system id 61, generation 5
+progress word 0x00402063
+record A
+record B
+(the ring was cleared: what it holds now follows)
+record C
+(overrun: at least 524288 bytes were overwritten before they were read)
+75712 bytes
+slot freed'
+[ "$out" = "$expected" ] || fail "consumer did not print what was expected"
 echo "examples: ok"

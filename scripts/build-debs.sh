@@ -42,8 +42,21 @@ tests/sandbox.sh "$consumers/consumer_cpp"
 tests/sandbox.sh /usr/bin/shmtool --help >/dev/null
 man -w shmtool >/dev/null 2>&1 || [ -e /usr/share/man/man1/shmtool.1.gz ]
 # The binding from its package, against the packaged library.
-tests/sandbox.sh /usr/bin/python3 -c 'import libshm; print("system id", libshm.system_id())'
-tests/sandbox.sh /usr/bin/python3 -m libshm info >/dev/null
+# (info never creates the store: the first call, in the same sandbox, does)
+tests/sandbox.sh /bin/sh -c '/usr/bin/python3 -c "import libshm; print(\"system id\", libshm.system_id())" &&
+    /usr/bin/python3 -m libshm --json info >/dev/null'
+# Its dist-info: importlib.metadata and pip see the package's version, and the
+# package depends on the Python version the binding declares.
+metadata=$(/usr/bin/python3 -c 'import importlib.metadata as m, libshm
+assert m.version("libshm") == libshm.__version__, m.version("libshm")
+print(libshm.__version__, m.metadata("libshm")["Requires-Python"])')
+read -r version requires <<<"$metadata"
+grep -qF "python3 (${requires/>=/>= })" <<<"$(dpkg-query -W -f='${Depends}' python3-libshm)" ||
+    { echo "python3-libshm does not depend on python3 $requires"; exit 1; }
+if /usr/bin/python3 -m pip --version >/dev/null 2>&1; then
+    grep -qx "Version: $version" <<<"$(/usr/bin/python3 -m pip show libshm 2>/dev/null)" ||
+        { echo "pip show libshm does not see the package"; exit 1; }
+fi
 [ -e /usr/share/doc/libshm-dev/examples/sdc_pair.c ]
 man -w 7 libshm >/dev/null && man -w Vond_shm_write_sdc >/dev/null
 echo "packages: built, lintian clean of errors, installed and used by both consumers"

@@ -1,12 +1,16 @@
 #!/bin/bash
 # Builds and tests everything: the default, asan, m32 and armhf presets (the
-# last cross-built, its tests run under qemu-arm; each preset's CTest run
+# m32 build's tests under qemu-i386 on a kernel that runs no i386 program; the
+# armhf build cross-built, its tests run under qemu-arm, except the cases listed in
+# tests/arm-system/cases, which run on a 32-bit ARM kernel under
+# qemu-system-arm (tests/arm-system/run.sh); each preset's CTest run
 # includes the interface checks of tests/interface: exported symbols, NEEDED,
 # static initialisers, the Debian symbols file and the ABI baselines), and an
-# installed copy used by a C and a C++ consumer. Installs missing Debian
+# installed copy used by a C and a C++ consumer; the firmware preset's size
+# budget (interface.size_budget). Installs missing Debian
 # packages first.
 #
-#   bash tests/run-all.sh [PRESET...]      (default: default asan m32 armhf, then
+#   bash tests/run-all.sh [PRESET...]      (default: default asan m32 armhf firmware, then
 #                                          valgrind, a benchmark smoke run, the
 #                                          Debian packages and the fuzz targets)
 set -euo pipefail
@@ -15,7 +19,7 @@ root=$PWD
 bash scripts/install-deps.sh
 
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(default asan m32 armhf)
+[ ${#presets[@]} -gt 0 ] || presets=(default asan m32 armhf firmware)
 passed=0 failed=0
 
 check() {  # check NAME COMMAND...: a named check that counts as one test
@@ -33,6 +37,15 @@ arm_hard_float() {  # an ARM shared object that passes floating point in VFP reg
     [[ $kind == "ELF 32-bit LSB shared object, ARM"* ]] || { echo "file: $kind"; return 1; }
     arm-linux-gnueabihf-readelf -A "$1" | grep -q 'Tag_ABI_VFP_args: VFP registers' \
         || { echo "no VFP argument passing (soft-float build?)"; return 1; }
+}
+
+i386_runs() {  # whether this kernel runs a 32-bit x86 program
+    local probe rc=0
+    probe=$(mktemp -d)
+    printf 'int main(void) { return 0; }\n' > "$probe/probe.c"
+    gcc -m32 -static -o "$probe/probe" "$probe/probe.c" 2>/dev/null && "$probe/probe" 2>/dev/null || rc=1
+    rm -rf "$probe"
+    return $rc
 }
 
 installed_consumers() {
@@ -70,10 +83,25 @@ for preset in "${presets[@]}"; do
     echo "=== preset $preset"
     started=$SECONDS
     # The default build carries the benchmarks too, for the smoke run below.
-    cmake --preset "$preset" $([ "$preset" != default ] || echo -DSHM_BUILD_BENCH=ON) >/dev/null
+    extra=()
+    [ "$preset" != default ] || extra=(-DSHM_BUILD_BENCH=ON)
+    if [ "$preset" = m32 ]; then
+        # Some kernels run no i386 program (IA32 emulation switched off: "Exec
+        # format error"); the 32-bit build's tests then run under qemu-i386,
+        # as the ARM build's run under qemu-arm.
+        if i386_runs; then extra=(-DSHM_TEST_EMULATOR=); else
+            echo "m32: this kernel does not run i386 programs; its tests run under qemu-i386"
+            extra=(-DSHM_TEST_EMULATOR=qemu-i386)
+        fi
+    fi
+    cmake --preset "$preset" "${extra[@]}" >/dev/null
     cmake --build --preset "$preset"
     log=$(mktemp)
-    ctest --preset "$preset" 2>&1 | tee "$log" || true
+    # The cases that need an ARM kernel run in the ARM system stage below,
+    # not also under qemu-user.
+    exclude=()
+    [ "$preset" != armhf ] || exclude=(-E "$(grep -v '^#' tests/arm-system/cases | grep . | paste -sd '|')")
+    ctest --preset "$preset" "${exclude[@]}" 2>&1 | tee "$log" || true
     summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" || echo "0% tests passed, 1 tests failed out of 1")
     total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$summary")
     bad=$(sed -E 's/.*passed, ([0-9]+) tests? failed.*/\1/' <<<"$summary")
@@ -81,6 +109,8 @@ for preset in "${presets[@]}"; do
     rm -f "$log"
     if [ "$preset" = armhf ]; then
         check "armhf: libshm.so.1.0.0 is an ARM hard-float shared object" arm_hard_float build/armhf/libshm.so.1.0.0
+        check "armhf on a 32-bit ARM kernel: the cases of tests/arm-system/cases (qemu-system-arm)" \
+            bash tests/arm-system/run.sh build/armhf
     fi
     if [ "$preset" = default ]; then
         check "installed library with C (pkg-config) and C++ (find_package) consumers" installed_consumers build/default

@@ -95,9 +95,9 @@ for _type, _size in SIZES.items():
         raise ImportError(f"libshm: {_type.__name__} is {ctypes.sizeof(_type)} bytes, the header says {_size}")
 
 #: Section offset of application slot `id`'s iLast (unaligned u32).
-def ilast_offset(app_id):
-    return (SDC_HEADER_OFFSET + SdcHeader.SDCAppTable.offset
-            + app_id * ctypes.sizeof(SdcAppEntry) + SdcAppEntry.iLast.offset)
+def ilast_offset(app_id: int) -> int:
+    return int(SDC_HEADER_OFFSET + SdcHeader.SDCAppTable.offset
+               + app_id * ctypes.sizeof(SdcAppEntry) + SdcAppEntry.iLast.offset)
 
 
 # -------------------------------------------------------------- prototypes

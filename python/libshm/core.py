@@ -5,7 +5,8 @@ import contextlib
 import ctypes
 import dataclasses
 import threading
-from typing import Callable, NamedTuple, Optional
+from collections.abc import Callable, Iterable, Iterator, Mapping
+from typing import Any, NamedTuple, Optional, TypeVar, Union
 
 from . import _ffi
 from ._ffi import lib
@@ -22,11 +23,11 @@ class Error(Exception):
     when).
     """
 
-    def __init__(self, function: str, code: int, meaning: str):
+    def __init__(self, function: str, code: int, meaning: str) -> None:
         super().__init__(function, code, meaning)
         self.function, self.code, self.meaning = function, code, meaning
 
-    def __str__(self):
+    def __str__(self) -> str:
         return f"{self.function} returned {self.code}: {self.meaning}"
 
 
@@ -44,15 +45,19 @@ FRU = {1: "not found or not readable (no such id, empty directory, block out of 
 SDC = {-1: "SDC header unreadable or Head/Tail out of range, a section access failed, or a bad argument"}
 
 
-def check(function: str, result: int, meanings: dict) -> None:
+def check(function: str, result: int, meanings: dict[int, str]) -> None:
     """Raise Error unless ``result`` is 0."""
     if result != 0:
         raise Error(function, result, meanings.get(result, "failed (a result the interface does not list)"))
 
 
-def _int(name, value, low, high):
-    """Range-checks an argument before ctypes sees it: ctypes converts
-    integers by truncation, so 2**32 would silently become 0."""
+# Argument checks. Every argument is checked here, before any ctypes call,
+# by the one rule of its kind: a value that is not an int (bool included) is a
+# TypeError, an int outside the kind's range a ValueError. The ranges are the
+# interface's, so a refused value never reaches the library (ctypes would
+# truncate 2**32 to 0; the library would log, or abort on a development build).
+
+def _int(name: str, value: int, low: int, high: int) -> int:
     if isinstance(value, bool) or not isinstance(value, int):
         raise TypeError(f"{name} must be an int, not {type(value).__name__}")
     if not low <= value <= high:
@@ -60,17 +65,30 @@ def _int(name, value, low, high):
     return value
 
 
-def i32(name, value):
-    return _int(name, value, -2**31, 2**31 - 1)
+def _section(section: int) -> int:
+    """Section numbers 1 to 33 (section 0 has no bytes and no lock)."""
+    return _int("section", section, 1, _ffi.SHM_SEC_LAST)
 
 
-def u32(name, value):
+def _offset(section: int, offset: int) -> int:
+    """An offset inside the section as this process's section table sizes it."""
+    return _int("offset", offset, 0, _ffi.gShmSecSize[section] - 1)
+
+
+def _length(name: str, length: int) -> int:
+    return _int(name, length, 0, 2**31 - 1)
+
+
+def u32(name: str, value: int) -> int:
     return _int(name, value, 0, 2**32 - 1)
 
 
-def u8(name, value):
+def u8(name: str, value: int) -> int:
     return _int(name, value, 0, 255)
 
+
+#: What the calls that take bytes accept (any object with the buffer protocol works).
+_Bytes = Union[bytes, bytearray, memoryview]
 
 # ---------------------------------------------------------------- the store
 
@@ -96,8 +114,8 @@ def is_attached() -> bool:
 
 
 def section_size(section: int) -> int:
-    """The size of a section in this process's section table."""
-    return _ffi.gShmSecSize[_int("section", section, 0, _ffi.SHM_SECTION_COUNT - 1)]
+    """The size of a section (1 to 33) in this process's section table."""
+    return int(_ffi.gShmSecSize[_section(section)])
 
 
 # ---------------------------------------------------------- section access
@@ -105,13 +123,14 @@ def section_size(section: int) -> int:
 _held = threading.local()  # the sections whose lock this thread holds through lock()
 
 
-def _held_sections() -> set:
+def _held_sections() -> set[int]:
     if not hasattr(_held, "sections"):
         _held.sections = set()
-    return _held.sections
+    sections: set[int] = _held.sections
+    return sections
 
 
-def _not_held(section):
+def _not_held(section: int) -> None:
     if section in _held_sections():
         raise RuntimeError(f"this thread holds section {section}'s lock (libshm.lock): a locked "
                            "call would wait for ever; use read(..., locked=False)")
@@ -120,12 +139,13 @@ def _not_held(section):
 def read(section: int, offset: int, length: int, locked: bool = True) -> bytes:
     """``length`` bytes at ``offset`` of ``section``, under its lock.
 
-    A range running past the section's end is clipped by the library and the
-    missing tail comes back as zeros. ``locked=False`` reads without the lock,
-    for use inside ``with lock(section):``.
+    ``offset`` must lie inside the section; a range running past the
+    section's end is clipped by the library and the missing tail comes back
+    as zeros. ``locked=False`` reads without the lock, for use inside
+    ``with lock(section):``.
     """
-    section, offset = i32("section", section), i32("offset", offset)
-    length = _int("length", length, 0, 2**31 - 1)
+    section = _section(section)
+    offset, length = _offset(section, offset), _length("length", length)
     if locked:
         _not_held(section)
     buffer = ctypes.create_string_buffer(length)
@@ -139,27 +159,29 @@ def read_unlocked(section: int, offset: int, length: int) -> bytes:
     return read(section, offset, length, locked=False)
 
 
-def write(section: int, offset: int, data) -> None:
-    """Write the bytes of ``data`` (any bytes-like object) at ``offset``."""
-    section, offset = i32("section", section), i32("offset", offset)
-    data = bytes(memoryview(data))
-    _int("len(data)", len(data), 0, 2**31 - 1)
+def write(section: int, offset: int, data: _Bytes) -> None:
+    """Write the bytes of ``data`` (any bytes-like object) at ``offset``
+    (inside the section; what runs past its end is clipped by the library)."""
+    section = _section(section)
+    offset, data = _offset(section, offset), bytes(memoryview(data))
+    _length("len(data)", len(data))
     _not_held(section)
     check("Vond_shm_memwrite", lib.Vond_shm_memwrite(section, data, offset, len(data)), ACCESS)
 
 
 def fill(section: int, offset: int, length: int, value: int = 0) -> None:
     """Set ``length`` bytes at ``offset`` to the byte ``value``."""
-    section, offset, value = i32("section", section), i32("offset", offset), u8("value", value)
-    length = _int("length", length, 0, 2**31 - 1)
+    section = _section(section)
+    offset, length, value = _offset(section, offset), _length("length", length), u8("value", value)
     _not_held(section)
     check("Vond_shm_memset", lib.Vond_shm_memset(section, value, offset, length), ACCESS)
 
 
 def set_bit(section: int, offset: int, mask: int, on: bool = True) -> None:
     """Set (``on``) or clear the bits of ``mask`` in the little-endian 8-byte
-    word at ``offset``."""
-    section, offset = i32("section", section), i32("offset", offset)
+    word at ``offset`` (Error -3 when the word is not inside the section)."""
+    section = _section(section)
+    offset = _offset(section, offset)
     mask = _int("mask", mask, 0, 2**64 - 1)
     _not_held(section)
     check("Vond_shm_mem_set_bit_on_uint",
@@ -167,7 +189,7 @@ def set_bit(section: int, offset: int, mask: int, on: bool = True) -> None:
 
 
 @contextlib.contextmanager
-def lock(section: int):
+def lock(section: int) -> Iterator[None]:
     """Hold ``section``'s lock for the body of a ``with`` statement.
 
     Inside, read with ``read(..., locked=False)``; the locked calls of this
@@ -177,7 +199,7 @@ def lock(section: int):
     While it is held, the library sends its messages of levels 1 to 3 to the
     system log and drops the rest, so the log hook sees none of them.
     """
-    section = i32("section", section)
+    section = _section(section)
     _not_held(section)
     attach()  # the lock call does not attach by itself
     check("Vond_shm_lock_shm", lib.Vond_shm_lock_shm(section), LOCK)
@@ -192,43 +214,19 @@ def lock(section: int):
 def is_xrev() -> bool:
     """True on a development build ("/etc/xrev_fw" exists): out-of-range
     accesses then raise SIGABRT in this process."""
-    return lib.isXRev() == 1
+    return bool(lib.isXRev() == 1)
 
 
 # ------------------------------------------------------ platform accessors
 
-# (Python name, C function, failure value or None, what the value is). Byte
-# getters return a fixed value when their read fails and so cannot report
-# failure; predicates count a failed read as a stored 0.
-_GETTERS = (
-    ("platform_type", "Vond_get_platform_type", 0, "platform type code (2 = modular)"),
-    ("system_id", "Vond_get_system_id", 0, "system id"),
-    ("quorx_type", "Vond_get_quorx_type", 0, "controller type code"),
-    ("generation", "Vond_get_generation", 0, "generation code (3 = 14G, 4 = 15G, 5+ = 16G and later)"),
-    ("modular_chassis_type", "Vond_get_modular_chassis_type", 247, "modular chassis type code"),
-    ("post_update", "Vond_get_post_update", 0, "post update code"),
-    ("cpu_type", "Vond_get_cpu_type", 0, "CPU vendor code (1 = AMD)"),
-    ("hybrid_sys_flag", "Vond_get_hybridSysFlag", None, "hybrid system flag (always 0)"),
-    ("product_type", "Vond_get_product_type", None, 'product type (1 when "/tmp/ec" exists, else 0)'),
-)
-_PREDICATES = (
-    ("is_amd", "isAMD"), ("is_14g_amd", "is14GAMD"), ("is_15g_amd", "is15GAMD"), ("is_16g", "is16G"),
-    ("is_qv", "isQV"), ("is_varduna", "isVarduna"), ("is_tesk", "isTesk"), ("is_morvast", "isMorvast"),
-    ("is_qillan", "isQillan"), ("is_dunmarch", "isDunmarch"),
-    ("is_boot_first_policy_enabled", "IsBootFirstPolicyEnabled"),
-    ("is_power_on_hook_available", "isPowerOnHookAvailable"),
-    ("is_cp_dimm_polling_supported", "IsCPDimmPollingSupported"),
-    ("is_cp_cpu_cups_supported", "IsCPCpuCupsSupported"),
-    ("is_bios_done_post", "isBiosDonePost"), ("serial_peci_present", "serialPECIPresent"),
-    ("is_ngm", "is_ngm"), ("is_modular_brask_chassis", "is_modular_brask_chassis"),
-)
+# Byte getters return a fixed value when their read fails and so cannot
+# report failure; predicates count a failed read as a stored 0.
 
-
-def _getter(name, function, failure, what):
+def _getter(name: str, function: str, failure: Optional[int], what: str) -> Callable[[], int]:
     c_function = getattr(lib, function)
 
     def get() -> int:
-        return c_function()
+        return int(c_function())
     get.__name__ = get.__qualname__ = name
     get.__doc__ = f"The {what}, from {function}()." + (
         "" if failure is None else
@@ -237,22 +235,55 @@ def _getter(name, function, failure, what):
     return get
 
 
-def _predicate(name, function):
+def _predicate(name: str, function: str) -> Callable[[], bool]:
     c_function = getattr(lib, function)
 
     def test() -> bool:
-        return c_function() == 1
+        return bool(c_function() == 1)
     test.__name__ = test.__qualname__ = name
     test.__doc__ = (f"{function}() as a bool, from the store as it is now. A failed read counts "
                     "as a stored 0: this predicate cannot signal failure.")
     return test
 
 
-PLATFORM = [name for name, *_ in _GETTERS] + [name for name, _ in _PREDICATES]
-for _spec in _GETTERS:
-    globals()[_spec[0]] = _getter(*_spec)
-for _spec in _PREDICATES:
-    globals()[_spec[0]] = _predicate(*_spec)
+platform_type = _getter("platform_type", "Vond_get_platform_type", 0, "platform type code (2 = modular)")
+system_id = _getter("system_id", "Vond_get_system_id", 0, "system id")
+quorx_type = _getter("quorx_type", "Vond_get_quorx_type", 0, "controller type code")
+generation = _getter("generation", "Vond_get_generation", 0,
+                     "generation code (3 = 14G, 4 = 15G, 5+ = 16G and later)")
+modular_chassis_type = _getter("modular_chassis_type", "Vond_get_modular_chassis_type", 247,
+                               "modular chassis type code")
+post_update = _getter("post_update", "Vond_get_post_update", 0, "post update code")
+cpu_type = _getter("cpu_type", "Vond_get_cpu_type", 0, "CPU vendor code (1 = AMD)")
+hybrid_sys_flag = _getter("hybrid_sys_flag", "Vond_get_hybridSysFlag", None, "hybrid system flag (always 0)")
+product_type = _getter("product_type", "Vond_get_product_type", None,
+                       'product type (1 when "/tmp/ec" exists, else 0)')
+is_amd = _predicate("is_amd", "isAMD")
+is_14g_amd = _predicate("is_14g_amd", "is14GAMD")
+is_15g_amd = _predicate("is_15g_amd", "is15GAMD")
+is_16g = _predicate("is_16g", "is16G")
+is_qv = _predicate("is_qv", "isQV")
+is_varduna = _predicate("is_varduna", "isVarduna")
+is_tesk = _predicate("is_tesk", "isTesk")
+is_morvast = _predicate("is_morvast", "isMorvast")
+is_qillan = _predicate("is_qillan", "isQillan")
+is_dunmarch = _predicate("is_dunmarch", "isDunmarch")
+is_boot_first_policy_enabled = _predicate("is_boot_first_policy_enabled", "IsBootFirstPolicyEnabled")
+is_power_on_hook_available = _predicate("is_power_on_hook_available", "isPowerOnHookAvailable")
+is_cp_dimm_polling_supported = _predicate("is_cp_dimm_polling_supported", "IsCPDimmPollingSupported")
+is_cp_cpu_cups_supported = _predicate("is_cp_cpu_cups_supported", "IsCPCpuCupsSupported")
+is_bios_done_post = _predicate("is_bios_done_post", "isBiosDonePost")
+serial_peci_present = _predicate("serial_peci_present", "serialPECIPresent")
+is_ngm = _predicate("is_ngm", "is_ngm")
+is_modular_brask_chassis = _predicate("is_modular_brask_chassis", "is_modular_brask_chassis")
+
+#: The getters and predicates above, in order (python3 -m libshm platform shows them).
+GETTERS = ("platform_type", "system_id", "quorx_type", "generation", "modular_chassis_type", "post_update",
+           "cpu_type", "hybrid_sys_flag", "product_type")
+PREDICATES = ("is_amd", "is_14g_amd", "is_15g_amd", "is_16g", "is_qv", "is_varduna", "is_tesk", "is_morvast",
+              "is_qillan", "is_dunmarch", "is_boot_first_policy_enabled", "is_power_on_hook_available",
+              "is_cp_dimm_polling_supported", "is_cp_cpu_cups_supported", "is_bios_done_post",
+              "serial_peci_present", "is_ngm", "is_modular_brask_chassis")
 
 
 def blade_slot() -> int:
@@ -264,15 +295,15 @@ def blade_slot() -> int:
 
 
 def quorx_progress(bit: int) -> bool:
-    """Whether controller progress bit ``bit`` is set (bit 0: the summary bit).
-    A failed read answers False: this call cannot signal failure."""
-    return lib.Vond_get_quorx_progress(i32("bit", bit)) == 1
+    """Whether controller progress bit ``bit`` (0 to 31; bit 0: the summary
+    bit) is set. A failed read answers False: this call cannot signal failure."""
+    return bool(lib.Vond_get_quorx_progress(_int("bit", bit, 0, 31)) == 1)
 
 
 def set_quorx_progress(bit: int, on: bool = True) -> None:
     """Set or clear progress bit 1 to 31; the library re-derives bit 0."""
-    check("Vond_set_quorx_progress", lib.Vond_set_quorx_progress(i32("bit", bit), 1 if on else 0),
-          {-1: "bit 0 or above 31, or the section lock failed (or attaching failed)"})
+    check("Vond_set_quorx_progress", lib.Vond_set_quorx_progress(_int("bit", bit, 1, 31), 1 if on else 0),
+          {-1: "the section lock failed (or attaching failed)"})
 
 
 def set_modular_chassis_type(value: int) -> None:
@@ -313,7 +344,7 @@ def sys_uptime() -> int:
     The library's failure value is -1, which is also the up-time when the EOP
     time is exactly one second ahead of the clock: that case raises as well.
     """
-    value = lib.Vond_get_SysUpTime()
+    value = int(lib.Vond_get_SysUpTime())
     if value == -1:
         raise Error("Vond_get_SysUpTime", -1, "the time section or the clock could not be read "
                                               "(or the EOP time is exactly 1 s ahead)")
@@ -324,7 +355,7 @@ def boot_time() -> Optional[str]:
     """The EOP time in local time, ctime form; None while it is not set."""
     text = ctypes.create_string_buffer(32)
     check("Vond_get_BootTime", lib.Vond_get_BootTime(text), {-1: "read failed or ctime_r failed"})
-    return text.value.decode() or None
+    return text.value.decode(errors="replace") or None
 
 
 def os_data_collection_date() -> str:
@@ -332,26 +363,30 @@ def os_data_collection_date() -> str:
     text = ctypes.create_string_buffer(32)
     check("Vond_get_OSDataCollectionDate", lib.Vond_get_OSDataCollectionDate(text),
           {-1: "the OS data section could not be read"})
-    return text.value.decode()
+    return text.value.decode(errors="replace")
 
 
 # ------------------------------------------------ capabilities, VR, power
 
-_CAPS = {-1: "capability index above 8, or the section access failed"}
+_CAPS = {-1: "the section access failed"}
+
+
+def _capability_index(index: int) -> int:
+    return _int("index", index, 0, 8)
 
 
 def capability(index: int) -> int:
     """Capability word ``index`` (0 to 8)."""
     value = ctypes.c_uint16()
     check("Get_SHM_feature_capabilities",
-          lib.Get_SHM_feature_capabilities(u32("index", index), ctypes.byref(value)), _CAPS)
+          lib.Get_SHM_feature_capabilities(_capability_index(index), ctypes.byref(value)), _CAPS)
     return value.value
 
 
 def set_capability(index: int, value: int) -> None:
     """Store capability word ``index`` (0 to 8) as the 16-bit ``value``."""
     check("Set_SHM_feature_capabilities",
-          lib.Set_SHM_feature_capabilities(u32("index", index), _int("value", value, 0, 0xFFFF)), _CAPS)
+          lib.Set_SHM_feature_capabilities(_capability_index(index), _int("value", value, 0, 0xFFFF)), _CAPS)
 
 
 VR_CPU, VR_MEMORY = 5, 3
@@ -361,21 +396,26 @@ def vr_sensor_enabled(vr_type: int, index: int) -> Optional[bool]:
     """Whether a VR's sensor is enabled (VR_CPU index 0-3, VR_MEMORY 0-7).
 
     None while the platform table is not yet initialised (retry later);
-    Error with code 3 for a bad type or index or a failed read.
+    ValueError for another type or an index out of range, Error with code 3
+    for a failed read.
     """
-    result = lib.Get_VR_Sensor_Enablement(u32("vr_type", vr_type), u32("index", index))
+    if isinstance(vr_type, int) and not isinstance(vr_type, bool) and vr_type not in (VR_CPU, VR_MEMORY):
+        raise ValueError(f"vr_type={vr_type} is neither VR_CPU ({VR_CPU}) nor VR_MEMORY ({VR_MEMORY})")
+    vr_type = _int("vr_type", vr_type, VR_MEMORY, VR_CPU)
+    index = _int("index", index, 0, 3 if vr_type == VR_CPU else 7)
+    result = lib.Get_VR_Sensor_Enablement(vr_type, index)
     if result == 2:
         return None
     if result not in (0, 1):
         check("Get_VR_Sensor_Enablement", result,
-              {3: "VR type or index out of range, unsupported VR type, or a failed read"})
-    return result == 1
+              {3: "the platform table could not be read"})
+    return bool(result == 1)
 
 
 def system_power_status() -> int:
     """The system power status byte. A failed read returns 255, which cannot
     be told from a stored 255: this getter cannot signal failure."""
-    return lib.GetSystemPowerStatusSHM()
+    return int(lib.GetSystemPowerStatusSHM())
 
 
 def blade_form_factor() -> int:
@@ -408,10 +448,14 @@ class FruDevice(NamedTuple):
     locator: int
 
 
+def _fru_id(fru_id: int) -> int:
+    return _int("fru_id", fru_id, 0, 0xFFFF)
+
+
 def fru_info(fru_id: int) -> FruInfo:
-    """The directory entry of FRU ``fru_id``, initialised or not."""
+    """The directory entry of FRU ``fru_id`` (0 to 65535), initialised or not."""
     entry = _ffi.FruInfo()
-    check("Vond_shm_get_fruinfo", lib.Vond_shm_get_fruinfo(u32("fru_id", fru_id), ctypes.byref(entry)), FRU)
+    check("Vond_shm_get_fruinfo", lib.Vond_shm_get_fruinfo(_fru_id(fru_id), ctypes.byref(entry)), FRU)
     return FruInfo(entry.fruId, entry.status, entry.fruAttribute, entry.deviceType, entry.fruLocator,
                    entry.dataLength, entry.dataOffset, bytes(entry))
 
@@ -439,11 +483,11 @@ def fru_data(fru_id: int) -> bytes:
                                            "the length of the copied block is unknown")
 
 
-def fru_class(device_type: int, locator: int) -> list:
+def fru_class(device_type: int, locator: int) -> list[FruDevice]:
     """The FRUs of device class ``device_type`` (0-25) at ``locator`` (1-3)."""
     devices = _ffi.FruDeviceList()
     check("Vond_shm_get_fruDeviceinfo",
-          lib.Vond_shm_get_fruDeviceinfo(u32("device_type", device_type), u32("locator", locator),
+          lib.Vond_shm_get_fruDeviceinfo(_int("device_type", device_type, 0, 25), _int("locator", locator, 1, 3),
                                          ctypes.byref(devices)), FRU)
     return [FruDevice(e.fruId, e.fruAttribute, e.fruLocator) for e in devices.entry[:devices.count]]
 
@@ -451,7 +495,7 @@ def fru_class(device_type: int, locator: int) -> list:
 def ocp_mezz_fru_id() -> Optional[int]:
     """The OCP mezzanine card's FRU id, or None for none. A failed read also
     gives None: this getter cannot signal failure."""
-    value = lib.getOCPMezzFRUID()
+    value = int(lib.getOCPMezzFRUID())
     return None if value == 255 else value
 
 
@@ -459,12 +503,16 @@ def ocp_mezz_fru_id() -> Optional[int]:
 
 
 class DimmWear(NamedTuple):
-    index: int  # the module's slot number
+    index: int  # type: ignore[assignment]  # the module's slot number (shadows tuple.index)
     wear: int   # percent
     fqdd: str
 
 
-def _count_list(entries, entry_type, fill_entry) -> ctypes.Array:
+_Entry = TypeVar("_Entry")
+
+
+def _count_list(entries: Iterable[_Entry], entry_type: type[ctypes.Structure],
+                fill_entry: Callable[[Any, _Entry], None]) -> "ctypes.Array[ctypes.c_uint8]":
     entries = list(entries)
     _int("number of entries", len(entries), 0, 255)
     size = 1 + ctypes.sizeof(entry_type) * len(entries)
@@ -476,32 +524,35 @@ def _count_list(entries, entry_type, fill_entry) -> ctypes.Array:
     return buffer
 
 
-def update_dimm_wear(positions) -> None:
+def update_dimm_wear(positions: Iterable[tuple[int, ...]]) -> None:
     """Store wear levels by position: ``positions`` holds tuples
-    (cpu 0-3, channel 0-7, dimm 0-5, wear percent[, type]). On an entry out
-    of range the earlier entries stay written."""
-    def fill_entry(record, entry):
+    (cpu 0-3, channel 0-7, dimm 0-5, wear percent[, type]). Every entry is
+    checked before any is written."""
+    def fill_entry(record: Any, entry: tuple[int, ...]) -> None:
         cpu, channel, dimm, wear, *rest = entry
-        record.cpu, record.channel, record.dimm = u8("cpu", cpu), u8("channel", channel), u8("dimm", dimm)
+        record.cpu, record.channel = _int("cpu", cpu, 0, 3), _int("channel", channel, 0, 7)
+        record.dimm = _int("dimm", dimm, 0, 5)
         record.wear, record.type = u8("wear", wear), u8("type", rest[0] if rest else 0)
     buffer = _count_list(positions, _ffi.DimmWearPosition, fill_entry)
     check("updateDIMMWearLevel", lib.updateDIMMWearLevel(buffer),
-          {1: "a position out of range (earlier entries stay written) or a failed access"})
+          {1: "a failed access (earlier entries stay written)"})
 
 
 def _fqdd(text: str) -> bytes:
-    raw = text.encode("ascii")
-    if len(raw) > 15 or b"\0" in raw:
-        raise ValueError(f"FQDD {text!r}: at most 15 characters, no NUL")
+    if not isinstance(text, str):
+        raise TypeError(f"an FQDD must be a str, not {type(text).__name__}")
+    raw = text.encode("ascii", "replace")
+    if len(raw) > 15 or b"\0" in raw or not text.isascii():
+        raise ValueError(f"FQDD {text!r}: at most 15 ASCII characters, no NUL")
     return raw
 
 
-def update_dimm_wear_by_fqdd(levels) -> None:
+def update_dimm_wear_by_fqdd(levels: Union[Mapping[str, int], Iterable[tuple[str, int]]]) -> None:
     """Store wear levels by FQDD: ``levels`` is a mapping or pairs of
     (fqdd, wear percent). Modules not in the inventory are skipped."""
-    items = levels.items() if hasattr(levels, "items") else levels
+    items = levels.items() if isinstance(levels, Mapping) else levels
 
-    def fill_entry(record, entry):
+    def fill_entry(record: Any, entry: tuple[str, int]) -> None:
         fqdd, wear = entry
         record.index, record.wear, record.fqdd = 0, u8("wear", wear), _fqdd(fqdd)
     buffer = _count_list(items, _ffi.DimmWearEntry, fill_entry)
@@ -509,7 +560,7 @@ def update_dimm_wear_by_fqdd(levels) -> None:
           {1: "the DIMM inventory could not be read"})
 
 
-def dimm_wear_report() -> list:
+def dimm_wear_report() -> list[DimmWear]:
     """The wear of every Apache Pass module, as DimmWear tuples. The buffer
     holds an entry for every inventory record, so it is never too small."""
     size = 1 + ctypes.sizeof(_ffi.DimmWearEntry) * _ffi.SHM_DIMM_INVENTORY_RECORDS
@@ -523,7 +574,7 @@ def dimm_wear_report() -> list:
 def apache_pass_count() -> int:
     """Inventory records of an Apache Pass type. An unreadable inventory
     counts 0: this call cannot signal failure."""
-    return lib.getNVDIMMApachePassCount()
+    return int(lib.getNVDIMMApachePassCount())
 
 
 # ---------------------------------------------------------------- logging
@@ -545,7 +596,7 @@ class LogMessage(NamedTuple):
     line: Optional[int]
     function: Optional[str]
 
-    def __str__(self):
+    def __str__(self) -> str:
         where = f"{self.file}:{self.line}: {self.function}: " if self.function else ""
         return f"L{self.level} {where}{self.format.rstrip()}"
 
@@ -568,13 +619,15 @@ def set_log_hook(hook: Optional[Callable[[LogMessage], object]]) -> None:
         _ffi.SHML_vondprintf.value = None
         return
 
-    def call(level, module, fmt, *prefix):
+    receive = hook
+
+    def call(level: int, module: int, fmt: Optional[bytes], *prefix: Any) -> int:
         text = (fmt or b"").decode("utf-8", "replace")
         file = line = function = None
         if prefix:
             file, line, function = (prefix[0] or b"").decode(errors="replace"), prefix[1], \
                 (prefix[2] or b"").decode(errors="replace")
-        hook(LogMessage(level, module, text[len(_PREFIX):] if text.startswith(_PREFIX) else text,
+        receive(LogMessage(level, module, text[len(_PREFIX):] if text.startswith(_PREFIX) else text,
                         file, line, function))
         return 0
 
@@ -583,8 +636,13 @@ def set_log_hook(hook: Optional[Callable[[LogMessage], object]]) -> None:
     _ffi.SHML_vondprintf.value = ctypes.cast(callback, ctypes.c_void_p).value
 
 
-__all__ = ["Error", "attach", "attachment", "is_attached", "section_size", "read", "read_unlocked",
-           "write", "fill", "set_bit", "lock", "is_xrev", *PLATFORM, "blade_slot", "quorx_progress",
+__all__ = ["Error", "attach", "Attachment", "attachment", "is_attached", "section_size", "read", "read_unlocked",
+           "write", "fill", "set_bit", "lock", "is_xrev", "platform_type", "system_id", "quorx_type",
+           "generation", "modular_chassis_type", "post_update", "cpu_type", "hybrid_sys_flag", "product_type",
+           "is_amd", "is_14g_amd", "is_15g_amd", "is_16g", "is_qv", "is_varduna", "is_tesk", "is_morvast",
+           "is_qillan", "is_dunmarch", "is_boot_first_policy_enabled", "is_power_on_hook_available",
+           "is_cp_dimm_polling_supported", "is_cp_cpu_cups_supported", "is_bios_done_post",
+           "serial_peci_present", "is_ngm", "is_modular_brask_chassis", "blade_slot", "quorx_progress",
            "set_quorx_progress", "set_modular_chassis_type", "bios_livescan_stagger_time",
            "eop_time", "set_eop_time", "sys_uptime", "boot_time", "os_data_collection_date",
            "capability", "set_capability", "VR_CPU", "VR_MEMORY", "vr_sensor_enabled",

@@ -2,11 +2,13 @@
 registered consumers."""
 import ctypes
 import time
-from typing import Iterator, NamedTuple, Optional
+from collections.abc import Iterator
+from types import TracebackType
+from typing import NamedTuple, Optional, Union
 
 from . import _ffi
 from ._ffi import lib
-from .core import SDC, Error, check, lock, read, read_unlocked
+from .core import SDC, Error, _Bytes, check, lock, read, read_unlocked
 
 
 def sdc_init() -> None:
@@ -15,7 +17,7 @@ def sdc_init() -> None:
     check("Vond_shm_init_sdc", lib.Vond_shm_init_sdc(), SDC)
 
 
-def sdc_write(data) -> None:
+def sdc_write(data: _Bytes) -> None:
     """Append the bytes of ``data``; a full ring overwrites its oldest bytes.
 
     Data longer than the ring is written in ring-sized pieces, each one call;
@@ -70,6 +72,14 @@ class PollEvents(NamedTuple):
 _MASK = _ffi.SDC_RING_SIZE - 1
 
 
+def _sdc_address() -> int:
+    """Where section 26 is mapped (the caller holds its lock, so it is attached)."""
+    address = _ffi.gShmData[_ffi.SHM_SEC_SDC]
+    if not address:
+        raise Error("Vond_shm_init_shm", 0, "section 26 is not mapped")
+    return int(address)
+
+
 def _header(raw: bytes) -> _ffi.SdcHeader:
     header = _ffi.SdcHeader.from_buffer_copy(raw)
     if header.Head >= _ffi.SDC_RING_SIZE or header.Tail >= _ffi.SDC_RING_SIZE:
@@ -82,17 +92,17 @@ def _read_header() -> _ffi.SdcHeader:
     return _header(read(_ffi.SHM_SEC_SDC, _ffi.SDC_HEADER_OFFSET, ctypes.sizeof(_ffi.SdcHeader)))
 
 
-def _is_empty(h) -> bool:
-    return h.Head == 0 and h.Tail == 0 and h.Written == 0
+def _is_empty(h: _ffi.SdcHeader) -> bool:
+    return bool(h.Head == 0 and h.Tail == 0 and h.Written == 0)
 
 
-def _is_full(h) -> bool:
-    return h.Head == (h.Tail + 1) & _MASK
+def _is_full(h: _ffi.SdcHeader) -> bool:
+    return bool(h.Head == (h.Tail + 1) & _MASK)
 
 
-def _content_size(h) -> int:
+def _content_size(h: _ffi.SdcHeader) -> int:
     """The count an export returns."""
-    return _ffi.SDC_RING_SIZE if _is_full(h) else 0 if _is_empty(h) else h.Tail + 1
+    return _ffi.SDC_RING_SIZE if _is_full(h) else 0 if _is_empty(h) else int(h.Tail) + 1
 
 
 class _WriterTrack:
@@ -100,10 +110,10 @@ class _WriterTrack:
     to the next: ``end`` counts the bytes written since the ring was last
     seen empty or cleared, as far as headers tell (a lower bound)."""
 
-    def __init__(self):
+    def __init__(self) -> None:
         self.seen, self.was_full, self.end = False, False, 0
 
-    def advance(self, h) -> bool:
+    def advance(self, h: _ffi.SdcHeader) -> bool:
         """Takes a new header; True when it shows a clear since the last one:
         the ring went back to empty, Tail went back while filling, or a full
         ring is filling again."""
@@ -142,8 +152,10 @@ class Consumer:
     never closed keeps its slot in the store for good.
     """
 
-    def __init__(self, name: str):
-        raw = name.encode() if isinstance(name, str) else bytes(name)
+    def __init__(self, name: Union[str, bytes]) -> None:
+        if not isinstance(name, (str, bytes)):
+            raise TypeError(f"an application name must be a str or bytes, not {type(name).__name__}")
+        raw = name.encode() if isinstance(name, str) else name
         if not 1 <= len(raw) <= _ffi.SDC_APP_NAME_SIZE - 1 or b"\0" in raw:
             raise ValueError(f"application name {name!r}: 1 to 20 bytes, no NUL")
         app_id = ctypes.c_int32(-1)
@@ -164,20 +176,21 @@ class Consumer:
         self._expected = self._last(h)
         self._delivered = 1 if _is_empty(h) else self._writer.end - ((h.Tail - self._expected) & _MASK)
 
-    def __repr__(self):
+    def __repr__(self) -> str:
         return f"Consumer({self.name!r}, id={self.id})"
 
-    def __enter__(self):
+    def __enter__(self) -> "Consumer":
         return self
 
-    def __exit__(self, *exc):
+    def __exit__(self, kind: Optional[type[BaseException]], value: Optional[BaseException],
+                 traceback: Optional[TracebackType]) -> None:
         self.close()
 
     def _slot_offset(self) -> int:
-        return _ffi.ilast_offset(self.id) - _ffi.SdcAppEntry.iLast.offset
+        return _ffi.ilast_offset(self.id) - int(_ffi.SdcAppEntry.iLast.offset)
 
-    def _last(self, h) -> int:
-        return h.SDCAppTable[self.id].iLast
+    def _last(self, h: _ffi.SdcHeader) -> int:
+        return int(h.SDCAppTable[self.id].iLast)
 
     def _holds_name(self, slot: bytes) -> bool:
         """The slot's name equals ours as the library compares names."""
@@ -187,16 +200,18 @@ class Consumer:
         """Free the slot: under section 26's lock, its 25 bytes are zeroed if
         it still holds this consumer's name. True when it was freed; False
         when it holds something else (unregistered, taken by another name)
-        or the consumer was closed before. The consumer cannot poll after."""
+        or the consumer was closed before. The consumer cannot poll after.
+        If the lock cannot be taken, Error is raised and the consumer stays
+        open (close() can be called again)."""
         if self._closed:
             return False
-        self._closed = True
         size = ctypes.sizeof(_ffi.SdcAppEntry)
         with lock(_ffi.SHM_SEC_SDC):
-            if not self._holds_name(read_unlocked(_ffi.SHM_SEC_SDC, self._slot_offset(), size)):
-                return False
-            ctypes.memset(_ffi.gShmData[_ffi.SHM_SEC_SDC] + self._slot_offset(), 0, size)
-        return True
+            self._closed = True
+            holds = self._holds_name(read_unlocked(_ffi.SHM_SEC_SDC, self._slot_offset(), size))
+            if holds:
+                ctypes.memset(_sdc_address() + self._slot_offset(), 0, size)
+        return holds
 
     def _resync(self) -> PollEvents:
         """Under section 26's lock: the ring's whole content, as the header
@@ -212,7 +227,7 @@ class Consumer:
             oldest = h.Head if _is_full(h) else 0
             first = min(count, _ffi.SDC_RING_SIZE - oldest)
             data = read_unlocked(section, oldest, first) + read_unlocked(section, 0, count - first)
-            ctypes.memmove(_ffi.gShmData[section] + _ffi.ilast_offset(self.id),
+            ctypes.memmove(_sdc_address() + _ffi.ilast_offset(self.id),
                            h.Tail.to_bytes(4, "little"), 4)
         self._expected = h.Tail
         self._delivered = 1 if _is_empty(h) else self._writer.end
@@ -281,7 +296,7 @@ class Consumer:
         self.moves += events.moved
         return events
 
-    def _account(self, before: int, length: int, after) -> PollEvents:
+    def _account(self, before: int, length: int, after: _ffi.SdcHeader) -> PollEvents:
         tail = self._last(after)
         if length == 0:
             count = 0

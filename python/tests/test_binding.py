@@ -1,11 +1,21 @@
 """The binding's declarations and argument checks."""
+import ast
 import ctypes
+import importlib.metadata
+import importlib.util
+import inspect
+import json
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
+import tempfile
+import tomllib
+import typing
 import unittest
+from unittest import mock
 
 from support import HEADER, HERE, _ffi, fresh_store, libshm
 
@@ -36,20 +46,89 @@ class Declarations(unittest.TestCase):
         self.assertEqual([_ffi.FruEntry.dataOffset.offset, _ffi.FruDeviceList.entry.offset,
                           _ffi.SdcHeader.Signature.offset, _ffi.ilast_offset(1)], [9, 2, 212, 524346])
 
-    @fresh_store  # a value let through would attach: keep that away from the test process
     def test_arguments_checked_before_the_library(self):
-        for call, error in [(lambda: libshm.read(1, 2**32, 1), ValueError),  # ctypes would pass 0
-                            (lambda: libshm.read(1, 0, -1), ValueError),
-                            (lambda: libshm.write(1, 0, "text"), TypeError),
-                            (lambda: libshm.write(1, 0, 5), TypeError),  # bytes(5) would be 5 zeros
-                            (lambda: libshm.fill(1, 0, 1, 256), ValueError),
-                            (lambda: libshm.set_bit(1, 0, -1), ValueError),
-                            (lambda: libshm.set_capability(0, 0x10000), ValueError),
-                            (lambda: libshm.fru_info(2**32), ValueError),
-                            (lambda: libshm.update_dimm_wear_by_fqdd({"D" * 16: 1}), ValueError),
-                            (lambda: libshm.Consumer("n" * 21), ValueError)]:
-            self.assertRaises(error, call)
-        self.assertFalse(libshm.is_attached())
+        class NoLibrary:  # any ctypes call fails the case
+            def __getattr__(self, name):
+                def call(*args):
+                    raise AssertionError(f"{name}{args} was called")
+                return call
+        rows = [(lambda: libshm.read(99, 0, 1), ValueError),  # section: 1 to 33
+                (lambda: libshm.read_unlocked(0, 0, 1), ValueError),
+                (lambda: libshm.section_size(34), ValueError),
+                (lambda: libshm.lock(34).__enter__(), ValueError),
+                (lambda: libshm.read(6, -1, 1), ValueError),  # offset: inside the section
+                (lambda: libshm.write(6, 13, b"x"), ValueError),
+                (lambda: libshm.read(1, 2**32, 1), ValueError),  # ctypes would pass 0
+                (lambda: libshm.read(1, 0, -1), ValueError),
+                (lambda: libshm.read(True, 0, 1), TypeError),
+                (lambda: libshm.write(1, 0, "text"), TypeError),
+                (lambda: libshm.write(1, 0, 5), TypeError),  # bytes(5) would be 5 zeros
+                (lambda: libshm.fill(1, 0, 1, 256), ValueError),
+                (lambda: libshm.set_bit(1, 0, -1), ValueError),
+                (lambda: libshm.quorx_progress(256), ValueError),  # the library reads bit 0
+                (lambda: libshm.set_quorx_progress(0), ValueError),
+                (lambda: libshm.capability(9), ValueError),
+                (lambda: libshm.set_capability(0, 0x10000), ValueError),
+                (lambda: libshm.vr_sensor_enabled(1, 0), ValueError),
+                (lambda: libshm.vr_sensor_enabled(libshm.VR_CPU, 4), ValueError),
+                (lambda: libshm.fru_info(2**16), ValueError),
+                (lambda: libshm.fru_class(3, 4), ValueError),
+                (lambda: libshm.update_dimm_wear([(0, 0, 0, 1), (4, 0, 0, 1)]), ValueError),  # none written
+                (lambda: libshm.update_dimm_wear_by_fqdd({"D" * 16: 1}), ValueError),
+                (lambda: libshm.Consumer("n" * 21), ValueError),
+                (lambda: libshm.Consumer(5), TypeError)]
+        with mock.patch.object(libshm.core, "lib", NoLibrary()), mock.patch.object(libshm.sdc, "lib", NoLibrary()):
+            for number, (call, error) in enumerate(rows):
+                with self.subTest(row=number):
+                    self.assertRaises(error, call)
+
+
+PACKAGE = pathlib.Path(libshm.__file__).parent
+
+
+class Package(unittest.TestCase):
+    def test_typed_public_names(self):
+        self.assertTrue((PACKAGE / "py.typed").is_file())
+        # every public name is bound where a type checker sees it, not made at run time
+        bound = set()
+        for source in PACKAGE.glob("*.py"):
+            for node in ast.parse(source.read_text()).body:
+                names = [a.asname or a.name for a in node.names] if isinstance(node, ast.ImportFrom) else \
+                    [t.id for t in getattr(node, "targets", [getattr(node, "target", None)]) if isinstance(t, ast.Name)]
+                bound.update(names + [node.name] if hasattr(node, "name") else names)
+        self.assertEqual(set(libshm.__all__) - bound, set())
+        functions = [(name, getattr(libshm, name)) for name in libshm.__all__ if callable(getattr(libshm, name))]
+        functions += [(f"{name}.{method}", getattr(cls, method)) for name, cls in functions if inspect.isclass(cls)
+                      for method, value in vars(cls).items() if inspect.isfunction(value)
+                      and pathlib.Path(value.__code__.co_filename).parent == PACKAGE  # not generated
+                      and not re.match(r"_(?!_)", method)]
+        for name, function in functions:
+            if inspect.isfunction(function):
+                hints, parameters = typing.get_type_hints(function), inspect.signature(function).parameters
+                self.assertEqual({*parameters, "return"} - {"self"} - set(hints), set(), name)
+
+    def test_version_and_metadata(self):
+        cmake = (pathlib.Path(HERE).parents[1] / "CMakeLists.txt").read_text()
+        self.assertEqual(libshm.__version__, re.search(r"project\(libshm VERSION ([\d.]+)", cmake)[1])
+        pyproject = tomllib.loads((PACKAGE.parent / "pyproject.toml").read_text())["project"]
+        with tempfile.TemporaryDirectory() as site:  # the CMake install's metadata (dist_info.py)
+            shutil.copytree(PACKAGE, pathlib.Path(site, "libshm"), ignore=shutil.ignore_patterns("__pycache__"))
+            subprocess.run([sys.executable, PACKAGE.parent / "dist_info.py", site], check=True)
+            installs = [site]
+            if all(importlib.util.find_spec(m) for m in ("pip", "setuptools", "wheel")):  # pip install python/
+                source = pathlib.Path(site, "source")
+                shutil.copytree(PACKAGE.parent, source, ignore=shutil.ignore_patterns("__pycache__", "tests"))
+                subprocess.run([sys.executable, "-m", "pip", "install", "-q", "--no-build-isolation", "--no-deps",
+                                "--no-index", "--target", pathlib.Path(site, "pip"), source], check=True)
+                installs.append(pathlib.Path(site, "pip"))
+            texts = set()  # the two ways write the same METADATA
+            for path in installs:
+                [dist] = importlib.metadata.distributions(path=[str(path)])
+                self.assertEqual((dist.version, dist.metadata["Name"], dist.metadata["Requires-Python"]),
+                                 (libshm.__version__, "libshm", pyproject["requires-python"]), path)
+                self.assertIn("libshm/py.typed", [str(f) for f in dist.files])
+                texts.add(dist.read_text("METADATA"))
+            self.assertEqual(len(texts), 1)
 
 
 def ipc_objects():  # (segment keys, semaphore set keys) of this IPC namespace
@@ -57,9 +136,14 @@ def ipc_objects():  # (segment keys, semaphore set keys) of this IPC namespace
     return tuple(sorted(int(key) for key in k) for k in keys)
 
 
-class Info(unittest.TestCase):
+def run_views(*args):
+    return subprocess.run([sys.executable, "-m", "libshm", *args], capture_output=True, text=True,
+                          env=dict(os.environ, PYTHONPATH=os.path.join(HERE, "..")))
+
+
+class Views(unittest.TestCase):
     @fresh_store
-    def test_info_creates_nothing(self):
+    def test_views_create_nothing(self):
         libc = ctypes.CDLL(None)
         for create, message in [
                 ((), "no store: segment key 77777779 does not exist"),
@@ -71,7 +155,27 @@ class Info(unittest.TestCase):
                 made = libc.shmget(key, _ffi.SHM_SIZE, 0o1666) if kind == "shm" else libc.semget(key, 1, 0o1666)
                 self.assertGreaterEqual(made, 0)
             before = ipc_objects()
-            run = subprocess.run([sys.executable, "-m", "libshm", "info"], capture_output=True, text=True,
-                                 env=dict(os.environ, PYTHONPATH=os.path.join(HERE, "..")))
-            self.assertEqual((run.returncode, run.stdout, ipc_objects()), (1, "", before), message)
-            self.assertTrue(run.stderr.startswith(f"libshm: {message}"), run.stderr)
+            for view in ["info", "platform", "sdc-status"]:
+                run = run_views("--json", view)
+                self.assertEqual((run.returncode, run.stdout, ipc_objects()), (1, "", before), (view, message))
+                self.assertTrue(run.stderr.startswith(f"libshm: {message}"), run.stderr)
+
+    @fresh_store
+    def test_json_views(self):
+        libshm.write(6, 4, bytes([2, 39, 7, 0, 5, 8, 0, 1]))
+        libshm.set_quorx_progress(5)
+        libshm.sdc_init()
+        libshm.sdc_write(b"\x01")
+        consumer = libshm.Consumer(b"rig\x1b")
+        libshm.sdc_write(b"twelve bytes")
+        docs = {view: json.loads(run_views(view, "--json").stdout) for view in ("info", "platform", "sdc-status")}
+        self.assertEqual({k: docs["info"][k] for k in ("schema", "version", "system_id", "sdc_size")},
+                         {"schema": 1, "version": libshm.__version__, "system_id": 39, "sdc_size": 13})
+        platform = {name: getattr(libshm, name)() for name in libshm.core.GETTERS + libshm.core.PREDICATES}
+        self.assertEqual(docs["platform"], {"schema": 1, **platform, "blade_slot": 7, "quorx_progress": [5]})
+        status = docs["sdc-status"]
+        self.assertEqual([status[k] for k in ("state", "tail", "size", "signature")],
+                         ["filling", 12, 13, {"text": "VondSDC", "valid": True}])
+        self.assertEqual(status["applications"][consumer.id],
+                         {"id": consumer.id, "registered": True, "name": "rig\\x1b", "last": 0,
+                          "last_in_range": True, "behind": 12})

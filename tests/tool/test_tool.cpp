@@ -368,9 +368,10 @@ TEST(Tool, DoctorRepairsWhatACrashedCreatorLeftAndInfoNamesHolderAndWaiter) {
     EXPECT_EQ(lock["holder"]["pid"], getpid()) << info.out;
     EXPECT_EQ(lock["holder"]["name"], name);
     EXPECT_EQ(lock["waiting"], 1);
-#if defined(__x86_64__)  // waiters are named where /proc shows their call in the tool's own numbering
-    EXPECT_EQ(lock["waiters"], json::array({{{"pid", waiter}, {"name", name}, {"state", "S"}}})) << info.out;
-#endif
+    // Waiters are named wherever the kernel is real (native, -m32, an ARM
+    // kernel); under a user-mode emulator /proc shows the host's call numbers.
+    if (!emulated())
+        EXPECT_EQ(lock["waiters"], json::array({{{"pid", waiter}, {"name", name}, {"state", "S"}}})) << info.out;
 }
 
 // ifc: read-only commands never create the store; dump's "*"; --version; unknown commands.

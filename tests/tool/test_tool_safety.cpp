@@ -225,28 +225,6 @@ TEST(ToolSafety, AFollowFreesTheSlotItRegistered) {
     EXPECT_EQ(slot_name(0), "kept");
 }
 
-// A clear under a registered follow: it says so and goes on with the new
-// content, never with the old ring's bytes.
-TEST(ToolSafety, ARegisteredFollowAcrossAClear) {
-    ASSERT_EQ(Vond_shm_init_sdc(), 0);
-    sdc_write("#");
-    const pid_t follow = start({"sdc", "follow", "viewer", "-i", "0.05"});
-    wait_for([] { return slot_name(0) == "viewer"; });
-    sdc_write("before\n");
-    ASSERT_EQ(output_of_size(7), "before\n");
-    kill(follow, SIGSTOP);  // the clear and the new records between two of its polls
-    ASSERT_EQ(Vond_shm_clear_sdc(), 0);
-    sdc_write("#");
-    sdc_write("after\n");
-    kill(follow, SIGCONT);
-    EXPECT_EQ(output_of_size(14), "before\n#after\n");
-    sdc_write("next\n");
-    EXPECT_EQ(output_of_size(19), "before\n#after\nnext\n");
-    kill(follow, SIGINT);
-    EXPECT_EQ(test::wait_child(follow).code, 0);
-    EXPECT_NE(slurp(kErr).find("the SDC ring was cleared"), std::string::npos) << slurp(kErr);
-}
-
 }  // namespace
 
 namespace {

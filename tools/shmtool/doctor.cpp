@@ -545,21 +545,70 @@ void doctor_check_sdc(const uint8_t* header_bytes, DoctorFindings& findings) {
         }
 }
 
-void doctor_check_recovery_file(DoctorFindings& findings, std::string& summary) {
+// How often the periodic save (shmtool-sdc-save.timer) runs, in seconds: set
+// once, by the build (SHM_SDC_SAVE_INTERVAL), for the timer and for this check.
+#ifndef SHMTOOL_SDC_SAVE_INTERVAL
+#define SHMTOOL_SDC_SAVE_INTERVAL 300
+#endif
+constexpr int64_t kDoctorSaveInterval = SHMTOOL_SDC_SAVE_INTERVAL;
+// An image is stale when the ring has changed since it was written and it is
+// older than this many intervals: a periodic save that runs writes a changed
+// ring within one interval (plus the timer's accuracy).
+constexpr int64_t kDoctorStaleIntervals = 3;
+
+std::string doctor_duration(int64_t seconds) {
+    if (seconds < 120) return std::to_string(seconds) + " s";
+    if (seconds < 7200) return std::to_string(seconds / 60) + " min";
+    if (seconds < 2 * 86400) return std::to_string(seconds / 3600) + " h";
+    return std::to_string(seconds / 86400) + " days";
+}
+
+// The recovery file is checked as init reads it; a valid image is also
+// checked for staleness. No clock in the store says when the ring last
+// changed, so the check works from what it has: the image differs from the
+// live section (ring and header, byte for byte: the ring changed after the
+// image was written, since a save copies the whole section) and the image's
+// mtime (when it was written). A working periodic save writes a changed ring
+// within one interval, so an image that differs and is older than a few
+// intervals means the saves are not running or are failing. The change
+// itself may be recent: a ring left unchanged for longer than that and
+// written within the last interval is reported as well, until the next save
+// catches up. An image equal to the section is current however old it is.
+void doctor_check_recovery_file(const uint8_t* live_section, DoctorFindings& findings, std::string& summary) {
     // O_NONBLOCK: a FIFO without a writer must not hold doctor in open().
     const int fd = open(SDC_RECOVERY_FILE, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0 && errno == ENOENT) {
         summary += ", " SDC_RECOVERY_FILE " (none)";
         return;
     }
+    struct stat64 status {};
+    const bool dated = fd >= 0 && fstat64(fd, &status) == 0;
     if (fd >= 0) close(fd);
     summary += ", " SDC_RECOVERY_FILE;
-    const std::string problem = sdc::image_problem(SDC_RECOVERY_FILE, nullptr);
-    if (problem.empty()) return;
-    findings.push_back({"recovery_file", "warning", problem + ": sdc init ignores it",
-                        "once the SDC section is sound, save a fresh image (shmtool sdc save " SDC_RECOVERY_FILE
-                        "), or remove the file",
-                        false, "the file may hold the only copy of earlier records: not touched", "", {}});
+    Bytes image;
+    const std::string problem = sdc::image_problem(SDC_RECOVERY_FILE, live_section != nullptr ? &image : nullptr);
+    if (!problem.empty()) {
+        findings.push_back({"recovery_file", "warning", problem + ": sdc init ignores it",
+                            "once the SDC section is sound, save a fresh image (shmtool sdc save " SDC_RECOVERY_FILE
+                            "), or remove the file",
+                            false, "the file may hold the only copy of earlier records: not touched", "", {}});
+        return;
+    }
+    if (live_section == nullptr || !dated) return;
+    const int64_t age = static_cast<int64_t>(std::time(nullptr)) - static_cast<int64_t>(status.st_mtime);
+    if (age <= kDoctorStaleIntervals * kDoctorSaveInterval) return;
+    if (std::memcmp(image.data(), live_section, image.size()) == 0) return;
+    findings.push_back(
+        {"recovery_file.stale", "warning",
+         SDC_RECOVERY_FILE " was written " + doctor_duration(age) + " ago (" +
+             iso_time(static_cast<int64_t>(status.st_mtime)) +
+             ") and the SDC ring has changed since: a reboot now loses what was written after it (the periodic "
+             "save runs every " + doctor_duration(kDoctorSaveInterval) + ")",
+         "check the periodic save (systemctl status shmtool-sdc-save.timer shmtool-sdc-save.service; journalctl "
+         "-u shmtool-sdc-save.service), then save now: shmtool sdc save --if-changed " SDC_RECOVERY_FILE
+         " (a change within the last interval is caught up by the next save)",
+         false, "saving replaces the image: run the save yourself", "", {}});
+    findings.back().section = SHM_SEC_SDC;
 }
 
 // Every check, in the order the repairs must run: the locks first (the SDC
@@ -593,7 +642,10 @@ DoctorFindings doctor_check(std::string& summary) {
         static_cast<uint64_t>(start + SDC_HEADER_SIZE) <= segment.size)
         doctor_check_sdc(segment.base + start, findings);  // else the layout findings say why
     summary += ", SDC header";
-    doctor_check_recovery_file(findings, summary);
+    const int64_t section_start = section_offset(SHM_SEC_SDC);
+    const bool section_whole = section_size(SHM_SEC_SDC) == SDC_RECOVERY_FILE_SIZE && section_start >= 0 &&
+                               static_cast<uint64_t>(section_start + SDC_RECOVERY_FILE_SIZE) <= segment.size;
+    doctor_check_recovery_file(section_whole ? segment.base + section_start : nullptr, findings, summary);
     shmdt(segment.base);
     return findings;
 }

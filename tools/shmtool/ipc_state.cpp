@@ -127,7 +127,10 @@ std::vector<int> ipc_state_call_members(int pid, const IpcStateBlockedCall& call
     if (fd < 0) return members;
     sembuf ops[kMostOps];
     const size_t bytes = call.count * sizeof(sembuf);
-    const bool read = pread(fd, ops, bytes, static_cast<off_t>(call.ops)) == static_cast<ssize_t>(bytes);
+    // The address is the offset in /proc/PID/mem: on a 32-bit system a stack
+    // address above 2 GiB (0xbebc0cb0) is a negative 32-bit off_t, which
+    // pread refuses (EINVAL), so the 64-bit call reads it.
+    const bool read = pread64(fd, ops, bytes, static_cast<off64_t>(call.ops)) == static_cast<ssize_t>(bytes);
     close(fd);
     if (!read) return members;
     for (unsigned long i = 0; i < call.count; ++i) {

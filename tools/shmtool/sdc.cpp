@@ -83,68 +83,73 @@ int register_app(const std::string& name) {
     return id;
 }
 
-size_t poll_once(int id, Bytes& buffer) {
-    const uint32_t before = last(read_header(), id);
-    uint32_t length = 0;
-    int32_t result = 0;
-    {
-        const WholeCall whole;  // it moves the slot's read position last
-        result = Vond_shm_periodic_get_sdc(&length, buffer.data(), static_cast<uint32_t>(id));
-    }
-    if (result != 0) library_failure("Vond_shm_periodic_get_sdc", result, "poll failed");
-    if (length == 0) return 0;
-    // After the writer went round the ring's end, the library counts only the
-    // bytes from the ring's start, while the buffer holds the older bytes up
-    // to the end ahead of them. How far the read position moved is the number
-    // of bytes actually delivered.
-    const uint32_t moved = (last(read_header(), id) - before) & kIndexMask;
-    return moved >= length && moved <= SDC_POLL_BUFFER_SIZE ? moved : length;
-}
-
 namespace {
 
-// Where the writer stands in the byte stream, followed from one header to the
-// next: `end` counts the bytes written since the ring was last seen empty (or
-// cleared), as far as the headers tell. The header keeps only ring indexes,
-// so a writer that went round the ring a whole number of times more between
-// two headers looks the same as one that did not: `end` is a lower bound.
+// The binding's consumer (libshm.hpp) is the tool's one copy of the consumer
+// semantics: exact bytes across the ring's end, overruns, clears and moved
+// read positions. Its failures, as the tool says them.
+[[noreturn]] void sdc_consumer_failure(const libshm::sdc::Consumer* consumer, const libshm::Result& r, int id,
+                                       const std::string& name) {
+    const std::string meaning = r.meaning();
+    if (meaning == libshm::sdc::meaning::kIndexesOutOfRange && consumer != nullptr)
+        failure("section 26 has Head/Tail out of range (" + std::to_string(consumer->header().Head) + "/" +
+                std::to_string(consumer->header().Tail) + "): the ring cannot be followed");
+    if (meaning == libshm::sdc::meaning::kSlotLost)
+        failure("SDC application slot " + std::to_string(id) + " no longer holds '" + safe_text(name) +
+                "' (unregistered or taken by another name): the follow ends");
+    if (meaning == libshm::sdc::meaning::kPositionChanged)
+        failure("slot " + std::to_string(id) + "'s read position was changed by another process during the poll: "
+                "the bytes it delivered cannot be told (the follow ends)");
+    const std::string call = r.call();
+    if (call == "Vond_shm_periodic_get_sdc" && r.code() != 0) library_failure(r.call(), long(r.code()), "poll failed");
+    if (call == "Vond_shm_memread")
+        library_failure(r.call(), long(r.code()), "cannot read section 26 (its lock or the store failed)");
+    if (call == "Vond_shm_get_shm" || call == "Vond_shm_lock_shm") lock_failure(r, SHM_SEC_SDC);
+    library_failure(r.call(), long(r.code()), meaning);
+}
+
+// The consumer of slot `id`, which the header names.
+libshm::sdc::Consumer sdc_open_consumer(int id) {
+    const SdcHeader h = read_header();
+    const char* stored = h.SDCAppTable[id].Name;
+    const std::string name(stored, strnlen(stored, SDC_APP_NAME_SIZE - 1));
+    libshm::Expected<libshm::sdc::Consumer> consumer = libshm::sdc::Consumer::open(name);
+    if (!consumer) sdc_consumer_failure(nullptr, consumer.result(), id, name);
+    if (consumer->id() != id)
+        failure("application '" + safe_text(name) + "' moved from slot " + std::to_string(id) + " to slot " +
+                std::to_string(consumer->id()) + " (unregistered and registered again meanwhile)");
+    return std::move(*consumer);
+}
+
+// One poll. It moves the slot's read position, so --timeout limits only its
+// first take: once begun it runs to its end.
+libshm::sdc::Poll sdc_poll(libshm::sdc::Consumer& consumer) {
+    libshm::Expected<libshm::sdc::Poll> polled = [&] {
+        const WholeCall whole;
+        return consumer.poll();
+    }();
+    if (!polled) sdc_consumer_failure(&consumer, polled.result(), consumer.id(), std::string(consumer.name()));
+    return *polled;
+}
+
+// Where the writer stands in the byte stream (libshm::sdc::WriterTrack), for
+// the follow without a slot; a header whose indexes are out of range ends it.
 struct SdcWriterTrack {
-    bool seen = false;
-    bool was_full = false;
+    libshm::sdc::WriterTrack track;
     uint64_t end = 0;  // one past the newest byte
 
     // Takes a new header; true when it shows the ring was cleared since the
-    // last one (it went back to empty, or Tail went back while filling).
+    // last one.
     bool advance(const SdcHeader& h) {
         if (!indexes_valid(h))
             failure("section 26 has Head/Tail out of range (" + std::to_string(h.Head) + "/" +
                     std::to_string(h.Tail) + "): the ring cannot be followed");
-        bool cleared = false;
-        uint64_t next = 0;
-        switch (shm::sdc::ring_state(h.Head, h.Tail, h.Written)) {
-            case shm::sdc::RingState::kEmpty:
-                cleared = seen && end != 0;
-                break;
-            case shm::sdc::RingState::kFilling:
-                next = uint64_t(h.Tail) + 1;  // not wrapped yet: indexes 0 to Tail
-                cleared = seen && (was_full || next < end);
-                break;
-            case shm::sdc::RingState::kFull: {
-                // The smallest count at or past the last one (and a whole ring
-                // at least) whose ring index is that of Tail + 1.
-                const uint64_t base = std::max<uint64_t>(seen ? end : 0, SDC_RING_SIZE);
-                const uint64_t index = (uint64_t(h.Tail) + 1) & kIndexMask;
-                next = base + ((index - base) & kIndexMask);
-                break;
-            }
-        }
-        seen = true;
-        was_full = shm::sdc::is_full(h.Head, h.Tail);
-        end = next;
+        const bool cleared = track.advance(h);
+        end = track.end();
         return cleared;
     }
     // The oldest byte the ring still holds.
-    uint64_t oldest(const SdcHeader& h) const { return end - size(h); }
+    uint64_t oldest(const SdcHeader& h) const { return track.oldest(h); }
 };
 
 void sdc_report_overrun(uint64_t lost) {
@@ -200,128 +205,37 @@ uint64_t start_back(uint64_t available, const FollowStart& start) {
     return available;
 }
 
-namespace {
-
-// The slot's 25 bytes in section 26 (bytes of the whole section, in place).
-uint8_t* sdc_slot_at(uint8_t* section, int id) {
-    return section + SDC_HEADER_OFFSET + offsetof(SdcHeader, SDCAppTable) + size_t(id) * sizeof(SdcAppEntry);
-}
-
-bool sdc_slot_holds(const uint8_t* slot, const std::string& name) {
-    return slot[0] != 0 && std::strncmp(name.c_str(), reinterpret_cast<const char*>(slot), SDC_APP_NAME_SIZE) == 0;
-}
-
-// After a clear (or a read position moved by someone else), the library's
-// next poll would compare the new Tail with a position in the old content
-// and hand over old bytes. Instead, under section 26's lock: the ring's whole
-// content goes to the sink, as the header describes it, and the slot's
-// position moves to Tail, the point where the next poll continues.
-void sdc_resync(int id, const std::string& name, SdcWriterTrack& writer, const StreamSink& sink) {
-    Bytes bytes;
-    uint64_t from = 0;
-    {
-        SectionLock lock(SHM_SEC_SDC);
-        SdcHeader h;
-        std::memcpy(&h, lock.bytes() + SDC_HEADER_OFFSET, sizeof h);
-        writer.advance(h);
-        uint8_t* slot = sdc_slot_at(lock.bytes(), id);
-        if (!sdc_slot_holds(slot, name))
-            failure("SDC application slot " + std::to_string(id) + " no longer holds '" + name +
-                    "' (unregistered or taken by another name): the follow ends");
-        from = writer.oldest(h);
-        const uint32_t count = size(h);
-        const uint32_t oldest = shm::sdc::ring_state(h.Head, h.Tail, h.Written) == shm::sdc::RingState::kFull ? h.Head : 0;
-        const uint32_t first = std::min<uint32_t>(count, SDC_RING_SIZE - oldest);
-        bytes.assign(lock.bytes() + oldest, lock.bytes() + oldest + first);
-        bytes.insert(bytes.end(), lock.bytes(), lock.bytes() + (count - first));
-        const uint32_t tail = h.Tail;
-        std::memcpy(slot + SDC_APP_NAME_SIZE, &tail, sizeof tail);  // little-endian, as the section
-    }
-    if (!bytes.empty()) sink(from, bytes.data(), bytes.size());
-}
-
-}  // namespace
-
 bool release_slot(int id, const std::string& name) {
-    SectionLock lock(SHM_SEC_SDC);
-    uint8_t* slot = sdc_slot_at(lock.bytes(), id);
-    if (!sdc_slot_holds(slot, name)) return false;
-    std::memset(slot, 0, sizeof(SdcAppEntry));
-    return true;
+    const libshm::Expected<bool> released = libshm::sdc::release_slot(id, name);
+    if (!released) lock_failure(released.result(), SHM_SEC_SDC);
+    return *released;
 }
 
 void follow_loop(int id, double interval, const FollowStart& start, const StreamSink& sink) {
     sdc_install_stop_handlers();
     const timespec pause = sdc_pause_of(interval);
-    Bytes buffer(SDC_POLL_BUFFER_SIZE);
-    SdcWriterTrack writer;
-    const SdcHeader first = read_header();
-    const std::string own_name = name(first, id);
-    writer.advance(first);
-    // The stream position after the last byte the slot has been given. On an
-    // empty ring a new slot's iLast (0) already stands for index 0, which it
-    // is never given: its first byte is that at index 1.
-    uint64_t delivered =
-        ring_empty(first) ? 1 : writer.end - (last_in_range(first, id) ? behind(first, id) : 0);
-    // Where this follow left the slot. An empty ring's consumers stand at its
-    // Head, 0: a slot elsewhere kept a position from before a clear.
-    uint32_t expected_last = ring_empty(first) ? 0 : last(first, id);
-    bool first_round = true;
-    for (;;) {
+    libshm::sdc::Consumer consumer = sdc_open_consumer(id);
+    for (bool first_round = true;; first_round = false) {
         const bool last_round = g_stop != 0;
-        const SdcHeader before = read_header();
-        const bool cleared = writer.advance(before);
-        // A position this follow did not leave there (another poller, a
-        // restore, a repair), or one outside what the ring holds, would make
-        // the library's poll deliver bytes that are not next in the stream.
-        const uint32_t now_last = last(before, id);
-        const bool moved = now_last != expected_last;
-        const bool outside = !last_in_range(before, id) ||
-                             (shm::sdc::ring_state(before.Head, before.Tail, before.Written) !=
-                                  shm::sdc::RingState::kFull &&
-                              now_last > before.Tail && !ring_empty(before));
-        if (cleared || moved || outside) {
-            std::fflush(stdout);
-            if (cleared) sdc_report_clear();
-            else
-                std::fprintf(stderr,
-                             "shmtool: slot %d's read position moved from 0x%x to 0x%x outside this follow; "
-                             "following the ring from its oldest byte\n",
-                             id, expected_last, now_last);
-            sdc_resync(id, own_name, writer, sink);
-            const SdcHeader after = read_header();
-            expected_last = last(after, id);
-            delivered = writer.end == 0 ? 1 : writer.end;  // an empty ring: the next byte is at index 1
-            first_round = false;
-            if (last_round) return;
-            nanosleep(&pause, nullptr);
-            continue;
-        }
-        const size_t n = poll_once(id, buffer);
-        const SdcHeader after = read_header();
-        if (writer.advance(after)) {
-            // Cleared between the header read and the poll: the poll's bytes
-            // may be old content. They are dropped and the ring read afresh.
-            sdc_report_clear();
-            sdc_resync(id, own_name, writer, sink);
-            expected_last = last(read_header(), id);
-            delivered = writer.end == 0 ? 1 : writer.end;  // an empty ring: the next byte is at index 1
-            first_round = false;
-            if (last_round) return;
-            nanosleep(&pause, nullptr);
-            continue;
-        }
-        expected_last = last(after, id);
-        // Where the library's poll ended: its Tail, now the slot's iLast.
-        const uint64_t poll_end = writer.end - shm::sdc::ring_distance(expected_last, after.Tail);
-        if (poll_end > delivered + n) sdc_report_overrun(poll_end - delivered - n);
+        const libshm::sdc::Poll p = sdc_poll(consumer);
+        const auto* bytes = reinterpret_cast<const uint8_t*>(p.data.data());
+        const size_t n = p.data.size();
         size_t skip = 0;
-        if (first_round) skip = n - size_t(start_back(n, start));  // --from-now, -n: older bytes dropped
-        const uint64_t offset = poll_end - (n - skip);
-        if (n > skip) sink(offset, buffer.data() + skip, n - skip);
-        // An empty ring: the slot's next byte is again that at index 1.
-        delivered = ring_empty(after) ? 1 : poll_end;
-        first_round = false;
+        if (p.moved) {
+            // Another poller, a restore or a repair moved it, or it names no
+            // ring index: the consumer read the ring from its oldest byte.
+            std::fflush(stdout);
+            std::fprintf(stderr,
+                         "shmtool: slot %d's read position moved from 0x%x to 0x%x outside this follow; "
+                         "following the ring from its oldest byte\n",
+                         id, p.expected_position, p.found_position);
+        } else if (p.cleared) {
+            sdc_report_clear();
+        } else {
+            if (p.overrun > 0) sdc_report_overrun(p.overrun);
+            if (first_round) skip = n - size_t(start_back(n, start));  // --from-now, -c: older bytes dropped
+        }
+        if (n > skip) sink(p.offset + skip, bytes + skip, n - skip);
         if (last_round) return;
         nanosleep(&pause, nullptr);
     }
@@ -509,10 +423,21 @@ void poll_command(const std::string& name, bool as_consumer) {
     const int id = find(read_header(), name);
     if (id < 0) failure("application '" + safe_text(name) + "' is not registered (shmtool sdc register NAME)");
     if (!as_consumer) sdc_refuse_registered(name, id, "a poll");
-    Bytes buffer(SDC_POLL_BUFFER_SIZE);
-    const size_t n = poll_once(id, buffer);
-    if (!g_options.json && isatty(STDOUT_FILENO) == 1) return sdc_write_for_terminal(buffer.data(), n);
-    emit("-", buffer, n, {{"name", safe_text(name)}, {"id", id}});
+    libshm::sdc::Consumer consumer = sdc_open_consumer(id);
+    const libshm::sdc::Poll p = sdc_poll(consumer);
+    if (p.moved) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "shmtool: slot %d's read position 0x%x named no place in the ring's content; "
+                             "the poll delivers the ring from its oldest byte\n", id, p.found_position);
+    } else if (p.cleared) {
+        sdc_report_clear();
+    } else if (p.overrun > 0) {
+        sdc_report_overrun(p.overrun);
+    }
+    const auto* bytes = reinterpret_cast<const uint8_t*>(p.data.data());
+    const Bytes buffer(bytes, bytes + p.data.size());
+    if (!g_options.json && isatty(STDOUT_FILENO) == 1) return sdc_write_for_terminal(buffer.data(), buffer.size());
+    emit("-", buffer, buffer.size(), {{"name", safe_text(name)}, {"id", id}});
 }
 
 void unregister_command(const std::string& name) {

@@ -39,9 +39,6 @@ int register_app(const std::string& name);
 // Frees slot `id` (zeroes its 25 bytes) if it still holds `name`, compared
 // and written under section 26's lock; false when it holds something else.
 bool release_slot(int id, const std::string& name);
-// One poll of slot `id` into `buffer` (SDC_POLL_BUFFER_SIZE bytes); the
-// number of bytes delivered, counted from the slot's read position.
-size_t poll_once(int id, Bytes& buffer);
 // Where a follow starts: by default at what the consumer has not been given
 // (a registered slot) or at the oldest byte held (no slot); `from_now` at the
 // end, `back` >= 0 that many bytes before the end (at most what is there).
@@ -55,9 +52,10 @@ uint64_t start_back(uint64_t available, const FollowStart& start);
 // written since the ring was last seen empty, as far as headers tell.
 using StreamSink = std::function<void(uint64_t offset, const uint8_t*, size_t)>;
 // Polls slot `id` every `interval` seconds and hands new bytes to `sink`
-// until SIGINT or SIGTERM arrives; a last poll follows the signal. Overruns
-// (bytes overwritten before the poll reached them) and clears are reported
-// on stderr.
+// until SIGINT or SIGTERM arrives; a last poll follows the signal. The polls
+// are those of libshm::sdc::Consumer (libshm.hpp); overruns (bytes
+// overwritten before the poll reached them), clears and moved read positions
+// are reported on stderr.
 void follow_loop(int id, double interval, const FollowStart& start, const StreamSink& sink);
 using Sink = std::function<void(const uint8_t*, size_t)>;
 inline void follow_loop(int id, double interval, const Sink& sink) {

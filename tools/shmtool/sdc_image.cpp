@@ -1,6 +1,15 @@
 // shmtool sdc status / save / restore: the SDC section read and written as a
 // whole, through locked reads and writes of section 26 alone.
+//
+// sdc save --if-changed is what the periodic save runs: the section is read
+// under its lock and compared with the image already in FILE, ring and
+// header byte for byte; an image that is already exactly the section is not
+// written again (no flash wear), anything else is. A header compare alone
+// would miss writes of a whole number of laps, which leave Head, Tail and
+// Written as they were; reading the 512 KiB image back costs no wear.
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -145,23 +154,91 @@ void print_status(const json& doc) {
 
 namespace {
 
-std::string directory_of(const std::string& path) {
+std::string image_directory_of(const std::string& path) {
     const size_t slash = path.rfind('/');
     if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+std::string image_base_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// A save in progress writes ".BASE.partial-XXXXXX" beside BASE: hidden, and
+// named so that no file an operator keeps there is taken for one.
+std::string image_partial_prefix(const std::string& path) { return "." + image_base_of(path) + ".partial-"; }
+
+// How long a save waits for another save of the same directory.
+constexpr int kImageLockWaitSeconds = 30;
+
+// The image's directory, open and locked (flock) for one save: saves of the
+// same directory (the periodic one, the one at shutdown, an operator's) run
+// one after the other. Holding the lock, a save removes the partial files of
+// saves that died before their rename (killed, or a power cut): no other
+// save can be writing them, and the flash does not fill up with them.
+class ImageDirectory {
+public:
+    ImageDirectory(const std::string& path, const std::string& untouched) {
+        fd_ = open(image_directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd_ < 0)
+            failure("cannot create a temporary file beside " + safe_text(path) + ": " + std::strerror(errno) +
+                    untouched);
+        for (int tenth = 0; flock(fd_, LOCK_EX | LOCK_NB) != 0; ++tenth) {
+            if ((errno != EWOULDBLOCK && errno != EINTR) || tenth >= 10 * kImageLockWaitSeconds) {
+                const std::string why = errno == EWOULDBLOCK ? "another save held it for " +
+                                                                   std::to_string(kImageLockWaitSeconds) + " s"
+                                                             : std::strerror(errno);
+                close(fd_);
+                failure("cannot lock the directory of " + safe_text(path) + ": " + why + untouched);
+            }
+            usleep(100000);
+        }
+        remove_partials(path);
+    }
+    ~ImageDirectory() { close(fd_); }
+    ImageDirectory(const ImageDirectory&) = delete;
+    ImageDirectory& operator=(const ImageDirectory&) = delete;
+    int fd() const { return fd_; }
+
+private:
+    void remove_partials(const std::string& path) {
+        const std::string prefix = image_partial_prefix(path);
+        const int copy = dup(fd_);
+        DIR* dir = copy >= 0 ? fdopendir(copy) : nullptr;
+        if (dir == nullptr) {
+            if (copy >= 0) close(copy);
+            return;  // what cannot be listed cannot be cleaned: the save goes on
+        }
+        while (const dirent64* entry = readdir64(dir)) {
+            const std::string name = entry->d_name;
+            struct stat64 status {};
+            if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0 &&
+                fstatat64(fd_, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode))
+                (void)unlinkat(fd_, name.c_str(), 0);  // a read-only flash keeps it: harmless
+        }
+        closedir(dir);
+    }
+
+    int fd_ = -1;
+};
+
 // The image goes to a temporary file beside the target, reaches the disk,
-// and only then replaces the target: a reader never sees half an image.
-void write_atomically(const std::string& path, const Bytes& image) {
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkstemp(temporary.data());
-    if (fd < 0) failure("cannot create a temporary file beside " + safe_text(path) + ": " + std::strerror(errno));
+// and only then replaces the target: a reader never sees half an image, and
+// a save that fails (a full or read-only flash, a power cut) leaves the
+// target as it was. `untouched` ends every message with what became of it.
+void write_atomically(const ImageDirectory& directory, const std::string& path, const Bytes& image,
+                      const std::string& untouched) {
+    std::string temporary = image_directory_of(path) + "/" + image_partial_prefix(path) + "XXXXXX";
+    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0)
+        failure("cannot create a temporary file beside " + safe_text(path) + ": " + std::strerror(errno) + untouched);
     size_t done = 0;
     bool ok = fchmod(fd, 0644) == 0;
     while (ok && done < image.size()) {
         const ssize_t n = write(fd, image.data() + done, image.size() - done);
         if (n < 0 && errno == EINTR) continue;
+        if (n == 0) errno = ENOSPC;
         ok = n > 0;
         if (ok) done += static_cast<size_t>(n);
     }
@@ -171,16 +248,30 @@ void write_atomically(const std::string& path, const Bytes& image) {
     if (!ok || rename(temporary.c_str(), path.c_str()) != 0) {
         const int cause = ok ? errno : error;
         unlink(temporary.c_str());
-        failure("cannot write " + safe_text(path) + ": " + std::strerror(cause));
+        failure("cannot write " + safe_text(path) + ": " + std::strerror(cause) + untouched);
     }
-    const int dir = open(directory_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) {
-        (void)fsync(dir);  // the rename itself; best effort
-        close(dir);
-    }
+    // The rename reaches the disk with its directory. A file system that
+    // cannot sync a directory (EINVAL) makes the rename durable by itself.
+    if (fsync(directory.fd()) != 0 && errno != EINVAL)
+        failure("wrote " + safe_text(path) + ", but its directory could not be synced: " + std::strerror(errno) +
+                "; after a power cut the flash may hold the previous image");
 }
 
-void save(const std::string& path, bool force) {
+struct SaveOptions {
+    bool force = false;
+    bool if_changed = false;
+    bool quiet = false;
+};
+
+// Whether `path` holds exactly `image`: a valid recovery image whose bytes,
+// ring and header, are the section's. Anything else (no file, another size,
+// no signature, other bytes) is a change.
+bool image_is_current(const std::string& path, const Bytes& image) {
+    Bytes saved;
+    return image_problem(path, &saved).empty() && saved == image;
+}
+
+void save(const std::string& path, const SaveOptions& options) {
     if (!snapshot_active()) attach_existing();  // a store is saved, never created
     if (section_size(SHM_SEC_SDC) != SDC_RECOVERY_FILE_SIZE)
         failure("section 26 is " + std::to_string(section_size(SHM_SEC_SDC)) + " bytes, not the image's " +
@@ -189,16 +280,26 @@ void save(const std::string& path, bool force) {
     const Bytes image = read_section(SHM_SEC_SDC, 0, SDC_RECOVERY_FILE_SIZE);
     SdcHeader h;
     std::memcpy(&h, image.data() + SDC_HEADER_OFFSET, sizeof h);
-    if (!force && !signature_valid(h))
+    if (!options.force && !signature_valid(h))
         failure("section 26 has no valid signature, so init would ignore the image (run sdc init first, or "
                 "--force)");
-    if (!force && !indexes_valid(h))
+    if (!options.force && !indexes_valid(h))
         failure("section 26 has Head/Tail out of range; a restored image would break every SDC call (--force "
                 "saves it anyway)");
-    write_atomically(path, image);
-    print_result({{"file", safe_text(path)}, {"bytes", image.size()}, {"state", state(h)}, {"size", size(h)}},
-                 "saved section " + std::to_string(SHM_SEC_SDC) + " (" + std::to_string(image.size()) + " bytes, ring " +
-                     state(h) + ", " + std::to_string(size(h)) + " bytes held) to " + safe_text(path));
+    struct stat64 before {};
+    const std::string untouched =
+        lstat64(path.c_str(), &before) == 0 ? "; the file already there is unchanged" : "; no image was written";
+    const ImageDirectory directory(path, untouched);
+    const bool write = !options.if_changed || !image_is_current(path, image);
+    if (write) write_atomically(directory, path, image, untouched);
+    const std::string ring = "ring " + std::string(state(h)) + ", " + std::to_string(size(h)) + " bytes held";
+    const json document = {{"file", safe_text(path)}, {"written", write}, {"bytes", image.size()},
+                           {"state", state(h)}, {"size", size(h)}};
+    if (write)
+        print_result(document, "saved section " + std::to_string(SHM_SEC_SDC) + " (" + std::to_string(image.size()) +
+                                   " bytes, " + ring + ") to " + safe_text(path));
+    else if (!options.quiet || g_options.json)
+        print_result(document, safe_text(path) + " is up to date (" + ring + "): not written");
 }
 
 // The image goes over the whole section in one locked write: a reader of
@@ -244,12 +345,16 @@ void add_sdc_image_commands(CLI::App& sdc_app) {
         });
 
     static std::string path;
-    static bool force = false;
+    static sdc::SaveOptions save_options;
     CLI::App* s = sdc_app.add_subcommand(
         "save", "Write a recovery image of section 26 atomically (init restores from " SDC_RECOVERY_FILE ")");
     s->add_option("FILE", path, "Where to write the image, e.g. " SDC_RECOVERY_FILE)->required();
-    s->add_flag("--force", force, "Save even a section without signature or with indexes out of range");
-    s->callback([] { set_action([] { sdc::save(path, force); }); });
+    s->add_flag("--force", save_options.force, "Save even a section without signature or with indexes out of range");
+    s->add_flag("--if-changed", save_options.if_changed,
+                "Write only when FILE does not already hold exactly this image (no write, no flash wear)");
+    s->add_flag("-q,--quiet", save_options.quiet,
+                "Print nothing when nothing was written (a write still prints its line, a failure its message)");
+    s->callback([] { set_action([] { sdc::save(path, save_options); }); });
 
     static std::string restore_path;
     static bool restore_force = false;

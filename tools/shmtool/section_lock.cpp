@@ -4,16 +4,19 @@
 
 namespace shmtool {
 
-SectionLock::SectionLock(int section) : section_(section) {
-    attach_existing();
-    void* base = nullptr;
-    if (const int32_t result = Vond_shm_get_shm(section, &base); result != 0 || base == nullptr)
-        library_failure("Vond_shm_get_shm", result, "no base address for section " + std::to_string(section));
-    if (const int32_t result = Vond_shm_lock_shm(section); result != 0)
-        library_failure("Vond_shm_lock_shm", result, "cannot take the lock of section " + std::to_string(section));
-    base_ = static_cast<uint8_t*>(base);
+void lock_failure(const libshm::Result& result, int section) {
+    const std::string call = result.call();
+    library_failure(result.call(), long(result.code()),
+                    call == "Vond_shm_get_shm"    ? "no base address for section " + std::to_string(section)
+                    : call == "Vond_shm_lock_shm" ? "cannot take the lock of section " + std::to_string(section)
+                                                  : std::string(result.meaning()));
 }
 
-SectionLock::~SectionLock() { (void)Vond_shm_unlock_shm(section_); }
+SectionLock::SectionLock(int section) {
+    attach_existing();
+    libshm::Expected<libshm::SectionLock> taken = libshm::SectionLock::take(section);
+    if (!taken) lock_failure(taken.result(), section);
+    lock_ = std::move(*taken);
+}
 
 }  // namespace shmtool
