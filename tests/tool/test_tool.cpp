@@ -152,28 +152,6 @@ TEST(Tool, FruDataWhileAWriterChangesTheLength) {
     test::wait_child(writer);
 }
 
-TEST(Tool, SdcSaveThenInitRestoresTheSectionByteForByte) {
-    ASSERT_EQ(Vond_shm_init_sdc(), 0);
-    sdc_write("x");
-    int32_t id = -1;
-    ASSERT_EQ(Vond_shm_periodic_register_sdc("keeper", &id), 0);
-    for (int i = 0; i < 50; ++i) sdc_write("saved record " + std::to_string(i) + "\n");
-    const Bytes saved = section(SHM_SEC_SDC);
-    test::touch(SDC_RECOVERY_FILE);  // an older image is replaced whole
-    const Result save = run({"sdc", "save", SDC_RECOVERY_FILE});
-    ASSERT_EQ(save.status, 0) << save.err;
-    EXPECT_TRUE(slurp(SDC_RECOVERY_FILE) == std::string(saved.begin(), saved.end()));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/flash/data0"), {}), 1);  // no temporary left
-
-    ASSERT_EQ(Vond_shm_clear_sdc(), 0);
-    sdc_write("later bytes that the restore must undo");
-    ASSERT_EQ(Vond_shm_periodic_register_sdc("newcomer", &id), 0);
-    const Result init = run({"sdc", "init", "--force"});
-    ASSERT_EQ(init.status, 0) << init.err;
-    EXPECT_NE(init.out.find("restored from " SDC_RECOVERY_FILE), std::string::npos) << init.out;
-    EXPECT_TRUE(section(SHM_SEC_SDC) == saved);
-}
-
 // A restore that stops part-way leaves the image's first bytes over the
 // section's own; init still succeeds, and the tool must say so. The file
 // shrinks while the tool waits for the section lock this test holds during

@@ -113,25 +113,17 @@ TEST(ToolVocabulary, JsonDocumentsShareOneShape) {
 // unset) marks changes with '^' lines as it does off a terminal.
 TEST(ToolVocabulary, WatchWritesNoEscapesForADumbTerminal) {
     ASSERT_EQ(Vond_shm_init_shm(), 0);
-    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
-    ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
-    const std::string terminal = ptsname(master);
-    const int slave = open(terminal.c_str(), O_RDWR | O_NOCTTY);  // kept open: no hang-up between runs
-    ASSERT_GE(slave, 0);
+    const Terminal terminal;
     const struct { const char* term; bool escapes; } rows[] = {{"dumb", false}, {nullptr, false}, {"xterm", true}};
     for (const auto& row : rows) {
         if (row.term != nullptr) setenv("TERM", row.term, 1);
         else unsetenv("TERM");
-        const Result r = run({"watch", "6", "0", "13", "-x", "--count", "2", "-i", "0.01"}, terminal.c_str());
+        const Result r = run({"watch", "6", "0", "13", "-x", "--count", "2", "-i", "0.01"}, terminal.path());
         EXPECT_EQ(r.status, 0) << r.err;
-        std::string out;
-        char buffer[4096];
-        for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;) out.append(buffer, size_t(n));
+        const std::string out = terminal.read_all();
         EXPECT_NE(out.find("draw 2"), std::string::npos) << out;
         EXPECT_EQ(out.find('\033') != std::string::npos, row.escapes) << (row.term ? row.term : "unset") << "\n" << out;
     }
-    close(slave);
-    close(master);
 }
 
 }  // namespace

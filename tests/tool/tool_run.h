@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -51,6 +52,34 @@ inline pid_t start(const Args& args, const char* out = kOut) { return start_in(a
 inline bool emulated() {
     return std::string(SHMTOOL_COMMAND).find('|') != std::string::npos && getenv("SHM_TEST_NATIVE") == nullptr;
 }
+
+// A pseudo-terminal for the tool's stdout (run(args, terminal.path())):
+// what the tool wrote reaches read_all(). The other side stays open, so the
+// terminal does not hang up between runs.
+class Terminal {
+public:
+    Terminal() {
+        master_ = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+        EXPECT_TRUE(master_ >= 0 && grantpt(master_) == 0 && unlockpt(master_) == 0);
+        path_ = ptsname(master_);
+        slave_ = open(path_.c_str(), O_RDWR | O_NOCTTY);
+    }
+    ~Terminal() {
+        close(slave_);
+        close(master_);
+    }
+    const char* path() const { return path_.c_str(); }
+    std::string read_all() const {
+        std::string out;
+        char buffer[4096];
+        for (ssize_t n; (n = read(master_, buffer, sizeof buffer)) > 0;) out.append(buffer, size_t(n));
+        return out;
+    }
+
+private:
+    int master_ = -1, slave_ = -1;
+    std::string path_;
+};
 
 struct Result { int status; std::string out, err; };  // status -1: killed, or at the time limit
 inline Result run(const Args& args, const char* out = kOut) {

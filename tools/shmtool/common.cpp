@@ -537,14 +537,20 @@ void enter_private_store() {
     (void)write_file("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1");
 }
 
-void exit_quietly(int status) {
+int finish_command(int status) {
     try {
         finish_output();
     } catch (const Error& e) {
         std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
         if (status == kOk) status = e.status;
     }
-    std::exit(status);
+    return status;
+}
+
+void end_command(int status, const std::string& message) {
+    std::fflush(stdout);  // what the command printed comes first
+    if (!message.empty()) std::fprintf(stderr, "shmtool: %s\n", message.c_str());
+    std::exit(finish_command(status));
 }
 
 namespace {

@@ -149,10 +149,16 @@ using MessageListener = std::function<void(int level, const std::string& text)>;
 void listen_to_library(const MessageListener& listener, const std::function<void()>& body);
 void enter_private_store();       // --private: fresh IPC namespace, or status 1
 
-// Ends the command now with `status` and no message, once its output is
-// complete (as diff and cmp say "different" with status 1); output that could
-// not be written turns status 0 into 1, with the reason.
-[[noreturn]] void exit_quietly(int status);
+// The end of every command: its output is checked once (finish_output); a
+// write that failed at any point (a full disk, /dev/full, a closed pipe's
+// EPIPE with SIGPIPE ignored) turns status 0 into 1 with the reason, said
+// after the command's own message. Returns the status to exit with.
+int finish_command(int status);
+// Ends the command now: "shmtool: MESSAGE" on stderr (none when empty),
+// after what it printed so far, then finish_command. A quiet status 1 is how
+// diff and cmp say "different"; a lock wait that gives up inside a library
+// call ends here too.
+[[noreturn]] void end_command(int status, const std::string& message = "");
 
 // A file the tool reads but did not write (a snapshot, a recovery image):
 // opened without blocking and without becoming the controlling terminal,

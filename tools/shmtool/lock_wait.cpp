@@ -74,29 +74,13 @@ std::string lock_wait_subject(int sem_id, int member) {
 }
 
 [[noreturn]] void lock_wait_give_up(int sem_id, int member) {
-    const std::string message = "timed out after " + lock_wait_seconds_text(g_lock_timeout) + " s waiting for " +
-                                lock_wait_subject(sem_id, member);
-    // What the command printed so far comes first, as main would have it.
-    std::fflush(stdout);
-    std::fprintf(stderr, "shmtool: %s\n", message.c_str());
-    try {
-        finish_output();
-    } catch (const Error& e) {
-        std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
-    }
-    std::exit(kFailed);
+    end_command(kFailed, "timed out after " + lock_wait_seconds_text(g_lock_timeout) + " s waiting for " +
+                             lock_wait_subject(sem_id, member));
 }
 
 [[noreturn]] void lock_wait_fail(int sem_id, int member, int error) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "shmtool: cannot take the lock of %s: semop: %s\n", lock_wait_subject(sem_id, member).c_str(),
-                 std::strerror(error));
-    try {
-        finish_output();
-    } catch (const Error& e) {
-        std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
-    }
-    std::exit(kFailed);
+    end_command(kFailed, "cannot take the lock of " + lock_wait_subject(sem_id, member) + ": semop: " +
+                             std::strerror(error));
 }
 
 // One wait of at most `seconds` (or without limit when below 0): 0 when

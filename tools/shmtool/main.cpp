@@ -18,20 +18,6 @@ int report(int status, const char* message) {
     return status;
 }
 
-// Every command's output is checked here, once: a write that failed at any
-// point (a full disk, /dev/full, a closed pipe's EPIPE with SIGPIPE ignored)
-// turns success into status 1 with the reason. A command that failed already
-// keeps its status; the output's failure is reported after its message.
-int finish(int status) {
-    try {
-        finish_output();
-    } catch (const Error& e) {
-        std::fprintf(stderr, "shmtool: %s\n", e.message.c_str());
-        if (status == kOk) status = e.status;
-    }
-    return status;
-}
-
 // The command a failed parse stopped at, when it names none the tool has:
 // the first word that is neither an option nor an option's value.
 std::string unknown_command(const CLI::App& app, int argc, char** argv) {
@@ -93,20 +79,20 @@ int main(int argc, char** argv) {
             std::ostringstream out, err;
             app.exit(e, out, err);
             std::fputs(out.str().c_str(), stdout);
-            return finish(kOk);
+            return finish_command(kOk);
         }
         // A value an option refused is reported in the option's words
         // (options.h), wherever the option stood. Only a word the parser
         // could not place, or a missing command, may be a command the tool
         // does not have.
         if (dynamic_cast<const CLI::ValidationError*>(&e) != nullptr)
-            return finish(report(kUsage, e.what()));
+            return finish_command(report(kUsage, e.what()));
         const bool misplaced = dynamic_cast<const CLI::ExtrasError*>(&e) != nullptr ||
                                dynamic_cast<const CLI::RequiredError*>(&e) != nullptr;
         const std::string command = misplaced ? unknown_command(app, argc, argv) : "";
         const std::string message = command.empty() ? std::string(e.what()) + " (see shmtool --help)"
                                                     : "unknown command '" + command + "' (see shmtool --help)";
-        return finish(report(kUsage, message.c_str()));
+        return finish_command(report(kUsage, message.c_str()));
     }
     try {
         check_snapshot_command(app);
@@ -118,5 +104,5 @@ int main(int argc, char** argv) {
     } catch (const std::exception& e) {
         status = report(kFailed, e.what());
     }
-    return finish(status);
+    return finish_command(status);
 }

@@ -403,7 +403,7 @@ void add_snapshot_commands(CLI::App& app) {
             if (g_options.json) print_json(doc);
             else snap_print_diff(doc, a, b);
             // As diff and cmp: 0 the same, 1 different, 2 bad input.
-            if (!doc["sections"].empty()) exit_quietly(kFailed);
+            if (!doc["sections"].empty()) end_command(kFailed);
         });
     });
 }
