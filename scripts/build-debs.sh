@@ -17,13 +17,18 @@ mkdir -p "$src"
 git ls-files --cached --others --exclude-standard | while IFS= read -r file; do
     [ ! -e "$file" ] || cp --parents -t "$src" "$file"  # skips files deleted but not yet committed
 done
-(cd "$src" && dpkg-buildpackage -us -uc -b >"$work/build.log" 2>&1) || { tail -40 "$work/build.log"; exit 1; }
+started=$SECONDS
+# -J: as many compile jobs as processors (debhelper honours it; the build
+# runs one job otherwise).
+(cd "$src" && dpkg-buildpackage -us -uc -b -J"$(nproc)" >"$work/build.log" 2>&1) || { tail -40 "$work/build.log"; exit 1; }
 mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$out"/
-echo "packages: $(cd "$out" && ls *.deb | tr '\n' ' ')"
+echo "packages: $(cd "$out" && ls *.deb | tr '\n' ' ')(built in $((SECONDS - started)) s)"
+started=$SECONDS
 
 lintian_log=$(lintian --tag-display-limit 0 "$out"/*.changes 2>&1 || true)
 grep -E '^[EW]:' <<<"$lintian_log" || true
 ! grep -q '^E:' <<<"$lintian_log" || { echo "lintian reports errors"; exit 1; }
+echo "lintian: $((SECONDS - started)) s"
 
 installed=(libshm1 libshm-dev shmtool python3-libshm)
 cd "$out"

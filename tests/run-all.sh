@@ -89,9 +89,10 @@ for preset in "${presets[@]}"; do
         # Some kernels run no i386 program (IA32 emulation switched off: "Exec
         # format error"); the 32-bit build's tests then run under qemu-i386,
         # as the ARM build's run under qemu-arm.
-        if i386_runs; then extra=(-DSHM_TEST_EMULATOR=); else
-            echo "m32: this kernel does not run i386 programs; its tests run under qemu-i386"
-            extra=(-DSHM_TEST_EMULATOR=qemu-i386)
+        if i386_runs; then extra=(-DSHM_TEST_EMULATOR=); m32_emulated=0; else
+            echo "m32: this kernel does not run i386 programs; its tests run under qemu-i386," \
+                 "without the tool's cases and the creation kills (see below)"
+            extra=(-DSHM_TEST_EMULATOR=qemu-i386); m32_emulated=1
         fi
     fi
     cmake --preset "$preset" "${extra[@]}" >/dev/null
@@ -101,6 +102,13 @@ for preset in "${presets[@]}"; do
     # not also under qemu-user.
     exclude=()
     [ "$preset" != armhf ] || exclude=(-E "$(grep -v '^#' tests/arm-system/cases | grep . | paste -sd '|')")
+    # Under qemu-i386 the library's cases run as on a 32-bit x86 controller
+    # (its layout, alignment and signed char). The tool's cases and the 1000
+    # creation kills would mostly time the emulator (every tool run and every
+    # fork is an emulated process: 275 of the preset's 376 test seconds); they
+    # run 32-bit on the ARM kernel and under qemu-arm, and here natively in
+    # the 64-bit builds.
+    [ "$preset" != m32 ] || [ "$m32_emulated" = 0 ] || exclude=(-E '^tool\.|^Crash\.KillsDuringCreation')
     ctest --preset "$preset" "${exclude[@]}" 2>&1 | tee "$log" || true
     summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" || echo "0% tests passed, 1 tests failed out of 1")
     total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$summary")
@@ -121,12 +129,21 @@ done
 # A full run also checks the unsanitized build under valgrind and fuzzes every
 # target for a bounded time (SHM_FUZZ_SECONDS each, 15 by default).
 if [ $# -eq 0 ]; then
+    # The package build is mostly one process at a time (dh's steps, the
+    # tool's one compile unit, lintian): it runs beside the other checks and
+    # reports when it ends.
+    debs_log=$(mktemp)
+    (check "Debian packages build, pass lintian and serve both consumers" bash scripts/build-debs.sh) >"$debs_log" 2>&1 &
+    debs_pid=$!
     check "valgrind memcheck: access, SDC, FRU and DIMM cases" \
         bash tests/valgrind.sh build/default test_access test_sdc test_fru test_dimm
     check "benchmarks: every case runs once (bench/run --smoke; timings are not checked)" \
         bash bench/run --smoke --build-dir build/default
-    check "Debian packages build, pass lintian and serve both consumers" bash scripts/build-debs.sh
     check "fuzz: every target ${SHM_FUZZ_SECONDS:-15} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-15}"
+    wait "$debs_pid" || true
+    cat "$debs_log"
+    if grep -q '^check .*: ok ([0-9]* s)$' "$debs_log"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
+    rm -f "$debs_log"
 fi
 
 echo "total: $passed passed, $failed failed ($SECONDS s)"

@@ -348,8 +348,9 @@ TEST(Tool, DoctorRepairsWhatACrashedCreatorLeftAndInfoNamesHolderAndWaiter) {
     EXPECT_EQ(lock["waiting"], 1);
     // Waiters are named wherever the kernel is real (native, -m32, an ARM
     // kernel); under a user-mode emulator /proc shows the host's call numbers.
-    if (!emulated())
+    if (!emulated()) {
         EXPECT_EQ(lock["waiters"], json::array({{{"pid", waiter}, {"name", name}, {"state", "S"}}})) << info.out;
+    }
 }
 
 // ifc: read-only commands never create the store; dump's "*"; --version; unknown commands.

@@ -156,8 +156,8 @@ TEST(ToolSafety, TakesThatFail) {
     for (const auto& row : rows) {
         const test::ChildResult c = test::wait_child(start_in(row.args, preload + " " + row.fault), 60);
         EXPECT_EQ(c.code, row.status) << testing::PrintToString(row.args) << slurp(kErr);
-        if (*row.err != 0) EXPECT_EQ(slurp(kErr), row.err);
-        if (row.status != 0) EXPECT_EQ(slurp(kOut), "");
+        if (*row.err != 0) { EXPECT_EQ(slurp(kErr), row.err); }
+        if (row.status != 0) { EXPECT_EQ(slurp(kOut), ""); }
     }
     Bytes ring(SDC_EXPORT_BUFFER_SIZE);
     uint32_t length = 0;
