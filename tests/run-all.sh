@@ -109,6 +109,11 @@ for preset in "${presets[@]}"; do
     # run 32-bit on the ARM kernel and under qemu-arm, and here natively in
     # the 64-bit builds.
     [ "$preset" != m32 ] || [ "$m32_emulated" = 0 ] || exclude=(-E '^tool\.|^Crash\.KillsDuringCreation')
+    # The 1000 creation kills look for a member left stuck, a statistic the
+    # optimised builds and the ARM kernel gather; the heal that follows a kill
+    # runs under the sanitizers in Store.HalfInitialisedSetsHealAtAttach and
+    # Crash.KilledWhileAttaching. Sanitized, the kills alone took 70 s.
+    [ "$preset" != asan ] || exclude=(-E '^Crash\.KillsDuringCreation')
     ctest --preset "$preset" "${exclude[@]}" 2>&1 | tee "$log" || true
     summary=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" || echo "0% tests passed, 1 tests failed out of 1")
     total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$summary")

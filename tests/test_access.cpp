@@ -4,10 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdint>
 #include <cstring>
-#include <functional>
-#include <vector>
 
 #include "harness.h"
 
@@ -43,30 +40,25 @@ protected:
     }
 };
 
-struct ReadCase {
-    int32_t sec, offset, length;
-    int32_t want_locked, want_unlocked, copied;
-    const char* locked_tail;    // hook message of Vond_shm_memread, if any
-    const char* unlocked_tail;  // hook message of Vond_shm_memread_unlocked, if any
-};
-
 TEST_F(Access, ReadResultsMessagesAndBuffer) {
-    const ReadCase cases[] = {
-        {1, 0, 56, 0, 0, 56, nullptr, nullptr},
-        {1, 50, 10, 0, 0, 6, nullptr, kLengthPast},
-        {1, 56, 1, -1, -1, 0, nullptr, kOffsetPast},
-        {1, kMax, 2, -1, -1, 0, nullptr, kOffsetPast},
-        {1, -1, 4, -1, -1, 0, nullptr, "negative offset. sec_id=1 offset=-1\n"},
-        {1, 0, 0, 0, 0, 0, nullptr, nullptr},
-        {1, 0, -5, 0, 0, 0, nullptr, nullptr},
-        {33, 0, 5, 0, 0, 5, nullptr, nullptr},
-        {34, 0, 1, -1, -1, 0, nullptr, "Invalid sec_id=34.\n"},
-        {-1, 0, 1, -1, -1, 0, "Invalid sec_id=-1.\n", "Invalid sec_id=-1.\n"},
-        {-65535, 0, 1, -1, -1, 0, "Invalid sec_id=-65535.\n", "Invalid sec_id=-65535.\n"},
-        {0, 0, 1, -1, -1, 0, "Unable to get the section semaphore.\n", kOffsetPast},
-        {35, 0, 1, -1, -1, 0, "Unable to get the section semaphore.\n", "Invalid sec_id=35.\n"},
+    const struct {
+        int32_t sec, offset, length, want, copied;  // the same result locked and unlocked
+        const char* locked_tail;    // hook message of Vond_shm_memread, if any
+        const char* unlocked_tail;  // hook message of Vond_shm_memread_unlocked, if any
+    } cases[] = {
+        {1, 0, 56, 0, 56, nullptr, nullptr},
+        {1, 50, 10, 0, 6, nullptr, kLengthPast},
+        {1, 56, 1, -1, 0, nullptr, kOffsetPast},
+        {1, kMax, 2, -1, 0, nullptr, kOffsetPast},
+        {1, -1, 4, -1, 0, nullptr, "negative offset. sec_id=1 offset=-1\n"},
+        {1, 0, -5, 0, 0, nullptr, nullptr},
+        {33, 0, 5, 0, 5, nullptr, nullptr},
+        {34, 0, 1, -1, 0, nullptr, "Invalid sec_id=34.\n"},
+        {-65535, 0, 1, -1, 0, "Invalid sec_id=-65535.\n", "Invalid sec_id=-65535.\n"},  // no wrap onto section 1's lock
+        {0, 0, 1, -1, 0, "Unable to get the section semaphore.\n", kOffsetPast},
+        {35, 0, 1, -1, 0, "Unable to get the section semaphore.\n", "Invalid sec_id=35.\n"},
     };
-    for (const ReadCase& c : cases) {
+    for (const auto& c : cases) {
         for (bool locked : {true, false}) {
             SCOPED_TRACE(::testing::Message() << (locked ? "locked" : "unlocked") << " sec " << c.sec
                                               << " offset " << c.offset << " length " << c.length);
@@ -74,7 +66,7 @@ TEST_F(Access, ReadResultsMessagesAndBuffer) {
             test::clear_messages();
             const int32_t got = locked ? Vond_shm_memread(c.sec, buf.data(), c.offset, c.length)
                                        : Vond_shm_memread_unlocked(c.sec, buf.data(), c.offset, c.length);
-            EXPECT_EQ(got, locked ? c.want_locked : c.want_unlocked);
+            EXPECT_EQ(got, c.want);
             const char* tail = locked ? c.locked_tail : c.unlocked_tail;
             const char* function = locked ? "Vond_shm_memread" : "Vond_shm_memread_unlocked";
             if (tail != nullptr) {
@@ -82,6 +74,8 @@ TEST_F(Access, ReadResultsMessagesAndBuffer) {
             } else if (locked) {
                 EXPECT_TRUE(test::messages().empty());
             }
+            const bool clipped = !locked && c.copied > 0 && c.copied < c.length;
+            EXPECT_EQ(test::count(1, function, "sec_id=1 offset=50 length=10 gShmSecSize[]=56\n"), clipped ? 1 : 0);
             const bool reached_read = !(locked && c.locked_tail != nullptr);
             const int zeroed = c.length < 1 || !reached_read ? 0 : c.length;
             for (int i = 0; i < 64; ++i) {
@@ -93,32 +87,20 @@ TEST_F(Access, ReadResultsMessagesAndBuffer) {
     EXPECT_EQ(test::section_semaphore_values(), std::vector<int>(34, 1));
 }
 
-TEST_F(Access, ClippedReadLogsSizeLine) {
-    std::vector<unsigned char> buf(10);
-    ASSERT_EQ(Vond_shm_memread_unlocked(1, buf.data(), 50, 10), 0);
-    EXPECT_EQ(test::count(1, "Vond_shm_memread_unlocked", "sec_id=1 offset=50 length=10 gShmSecSize[]=56\n"), 1);
-}
-
-struct WriteCase {
-    int32_t sec, offset, length, want, changed;
-    const char* tail;
-};
-
 TEST_F(Access, WriteAndFillResultsMessagesAndBounds) {
-    const WriteCase cases[] = {
+    const struct {
+        int32_t sec, offset, length, want, changed;
+        const char* tail;
+    } cases[] = {
         {1, 0, 56, 0, 56, nullptr},
         {1, 50, 10, 0, 6, "sec_id=1 offset=50 length=10 gShmSecSize[]=56 section id 1\n"},
         {1, 56, 1, -3, 0, kOffsetPast},
-        {1, 56, 0, 0, 0, nullptr},
         {1, 0, -1, 0, 0, nullptr},
-        {1, kMax, 1, -3, 0, kOffsetPast},
         {1, -1, 4, -3, 0, "negative offset. sec_id=1 offset=-1\n"},
         {34, 0, 1, -2, 0, "bad sec id=34\n"},
-        {-1, 0, 1, -2, 0, "bad sec id=-1\n"},
-        {0, 0, 1, -3, 0, kOffsetPast},
     };
     const std::vector<unsigned char> src(64, 0x5A);
-    for (const WriteCase& c : cases) {
+    for (const auto& c : cases) {
         for (const char* function : {"Vond_shm_memwrite", "Vond_shm_memset"}) {
             SCOPED_TRACE(::testing::Message() << function << " sec " << c.sec << " offset " << c.offset
                                               << " length " << c.length);
@@ -127,13 +109,10 @@ TEST_F(Access, WriteAndFillResultsMessagesAndBounds) {
             const int32_t got = fill ? Vond_shm_memset(c.sec, 0x15A, c.offset, c.length)
                                      : Vond_shm_memwrite(c.sec, src.data(), c.offset, c.length);
             EXPECT_EQ(got, c.want);
-            if (c.tail != nullptr) {
-                EXPECT_EQ(test::count(1, function, c.tail), 1);
-            }
+            EXPECT_EQ(c.tail != nullptr ? test::count(1, function, c.tail) : 1, 1);
             if (c.changed > 0 && c.changed < c.length) {
                 EXPECT_EQ(test::count(1, function, kLengthPastW), 1);
             }
-            EXPECT_EQ(test::count(9, "Vond_shm_memset", "enter\n"), fill ? 1 : 0);
             ExpectSectionOne(c.offset, c.changed, 0x5A);
         }
     }
@@ -141,26 +120,21 @@ TEST_F(Access, WriteAndFillResultsMessagesAndBounds) {
 }
 
 TEST_F(Access, BitCall) {
-    struct Case {
+    const struct {
         int32_t sec, offset, on;
         uint64_t before, mask;
         int32_t want;
         uint64_t after;
         const char* tail;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {1, 48, 1, 0x0F, 0xF0, 0, 0xFF, nullptr},
         {1, 48, 2, 0xFF, 0x0F, 0, 0xF0, nullptr},   // any on other than 1 clears
-        {1, 48, -1, 0xFF, 0x0F, 0, 0xF0, nullptr},
         {1, 3, 1, 0x1, 0x8000000100000000ull, 0, 0x8000000100000001ull, nullptr},  // unaligned, both halves
-        {1, 49, 1, 0, 1, -3, 0, nullptr},            // silent refusal
+        {1, 49, 1, 0, 1, -3, 0, nullptr},  // a word that would not fit whole is not clipped
         {1, -8, 1, 0, 1, -3, 0, nullptr},
-        {1, kMax, 1, 0, 1, -3, 0, nullptr},
-        {0, 0, 1, 0, 1, -3, 0, nullptr},
         {34, 0, 1, 0, 1, -2, 0, "bad sec id=34\n"},
-        {-1, 0, 1, 0, 1, -2, 0, "bad sec id=-1\n"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << "sec " << c.sec << " offset " << c.offset << " on " << c.on);
         Reset();
         const bool valid = c.want == 0;
@@ -173,11 +147,8 @@ TEST_F(Access, BitCall) {
         } else {
             ExpectSectionOne(0, 0, 0);
         }
-        if (c.tail != nullptr) {
-            EXPECT_EQ(test::count(1, "Vond_shm_mem_set_bit_on_uint", c.tail), 1);
-        } else {
-            EXPECT_TRUE(test::messages().empty());
-        }
+        EXPECT_EQ(test::messages().size(), c.tail != nullptr ? 1u : 0u);  // the range refusals are silent
+        EXPECT_EQ(c.tail != nullptr ? test::count(1, "Vond_shm_mem_set_bit_on_uint", c.tail) : 1, 1);
     }
 }
 
@@ -192,8 +163,10 @@ TEST_F(Access, SafeCallsKeepMessagesFromTheHook) {
 }
 
 // Out-of-range requests on a development build: the caller gets SIGABRT.
+// (Without the marker the same calls return: the tables above make them.)
 TEST_F(Access, DevelopmentMarkerAbortsOutOfRangeCalls) {
     static unsigned char buf[64];
+    test::touch("/etc/xrev_fw");
     const std::vector<std::function<int()>> calls = {
         [] { return Vond_shm_memread_unlocked(1, buf, 50, 10); },
         [] { return Vond_shm_memread(1, buf, 56, 1); },
@@ -201,18 +174,8 @@ TEST_F(Access, DevelopmentMarkerAbortsOutOfRangeCalls) {
         [] { return Vond_shm_memset(1, 0, 56, 1); },
         [] { return Vond_shm_mem_set_bit_on_uint(1, 49, 1, 1); },
     };
-    for (size_t i = 0; i < calls.size(); ++i) {
-        SCOPED_TRACE(i);
-        unlink("/etc/xrev_fw");
-        test::ChildResult plain = test::run_child([&] { calls[i](); return 0; });
-        EXPECT_TRUE(plain.exited && plain.code == 0);
-        test::touch("/etc/xrev_fw");
-        test::ChildResult dev = test::run_child([&] { calls[i](); return 0; });
-        EXPECT_EQ(dev.signal, SIGABRT);
-        test::ChildResult in_range = test::run_child([] { return Vond_shm_memread(1, buf, 0, 56); });
-        EXPECT_TRUE(in_range.exited && in_range.code == 0);
-    }
-    unlink("/etc/xrev_fw");
+    for (size_t i = 0; i < calls.size(); ++i)
+        EXPECT_EQ(test::run_child([&] { calls[i](); return 0; }).signal, SIGABRT) << "call " << i;
 }
 
 int g_aborts = 0;
@@ -222,6 +185,8 @@ TEST_F(Access, CaughtAbortLetsTheClippedReadGoOnAndMarkerIsReadEachTime) {
     unsigned char buf[10];
     test::touch("/etc/xrev_fw");
     EXPECT_EQ(isXRev(), 1);
+    EXPECT_EQ(Vond_shm_memread(1, buf, 0, 10), 0);  // in range: no abort
+    EXPECT_EQ(g_aborts, 0);
     EXPECT_EQ(Vond_shm_memread(1, buf, 50, 10), 0);
     EXPECT_EQ(g_aborts, 1);
     EXPECT_EQ(buf[5], 56);

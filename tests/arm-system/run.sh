@@ -13,7 +13,7 @@
 #
 # Every case whose CTest name matches REGEX and whose command starts with
 # tests/sandbox.sh runs in the guest as CTest runs it (the same command line,
-# its own IPC, PID and mount namespaces, the same time limit), SHM_ARM_JOBS (2)
+# its own IPC, PID and mount namespaces, the same time limit), SHM_ARM_JOBS (3)
 # at a time; a small qemu-arm stand-in drops the "-L DIR" the cross commands
 # carry. The guest prints a line a case and powers itself off; this script
 # ends with "N passed, M failed" and fails on a failed case, a guest that
@@ -30,7 +30,7 @@ build=$(cd "${1:-$root/build/armhf}" && pwd)
 regex=${2:-$(grep -v '^#' "$here/cases" | grep . | paste -sd '|')}
 cache=${SHM_ARM_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/libshm/arm-system}
 limit=${SHM_ARM_TIME_LIMIT:-360}
-jobs=${SHM_ARM_JOBS:-2}
+jobs=${SHM_ARM_JOBS:-3}
 triplet=arm-linux-gnueabihf
 started=$SECONDS
 
