@@ -79,9 +79,9 @@ installed_consumers() {
     return $rc
 }
 
-for preset in "${presets[@]}"; do
+run_preset() {  # run_preset PRESET: configure, build and test one preset
+    local preset=$1 started=$SECONDS extra exclude log summary total bad m32_emulated
     echo "=== preset $preset"
-    started=$SECONDS
     # The default build carries the benchmarks too, for the smoke run below.
     extra=()
     [ "$preset" != default ] || extra=(-DSHM_BUILD_BENCH=ON)
@@ -129,26 +129,58 @@ for preset in "${presets[@]}"; do
         check "installed library with C (pkg-config) and C++ (find_package) consumers" installed_consumers build/default
     fi
     echo "=== preset $preset: $((SECONDS - started)) s"
+}
+
+# Parts of a full run that leave a processor idle much of their time (the
+# package build: dh's steps one after another, the tool's one compile unit,
+# lintian; the firmware build: one long compile unit) run beside the others;
+# their reports and counts come at the end. A part that stops short of its
+# count line counts as one failure.
+beside=()
+start_beside() {  # start_beside COMMAND...
+    local log
+    log=$(mktemp)
+    (passed=0 failed=0; "$@"; echo "counted: $passed $failed") >"$log" 2>&1 &
+    beside+=("$! $log")
+}
+finish_beside() {
+    local entry pid log counts
+    for entry in "${beside[@]}"; do
+        read -r pid log <<<"$entry"
+        wait "$pid" || true
+        grep -v '^counted: ' "$log" || true
+        counts=$(sed -n 's/^counted: //p' "$log")
+        if [ -n "$counts" ]; then
+            passed=$((passed + ${counts% *})) failed=$((failed + ${counts#* }))
+        else
+            echo "a part run beside the others stopped early"; failed=$((failed + 1))
+        fi
+        rm -f "$log"
+    done
+    beside=()
+}
+
+full=0
+[ $# -gt 0 ] || full=1
+[ "$full" = 0 ] || start_beside check "Debian packages build, pass lintian and serve both consumers" bash scripts/build-debs.sh
+for preset in "${presets[@]}"; do
+    if [ "$full" = 1 ] && [ "$preset" = armhf ]; then
+        start_beside run_preset firmware   # the same cross compiler, its own build tree
+    elif [ "$full" = 1 ] && [ "$preset" = firmware ]; then
+        continue
+    fi
+    run_preset "$preset"
 done
 
 # A full run also checks the unsanitized build under valgrind and fuzzes every
 # target for a bounded time (SHM_FUZZ_SECONDS each, 15 by default).
-if [ $# -eq 0 ]; then
-    # The package build is mostly one process at a time (dh's steps, the
-    # tool's one compile unit, lintian): it runs beside the other checks and
-    # reports when it ends.
-    debs_log=$(mktemp)
-    (check "Debian packages build, pass lintian and serve both consumers" bash scripts/build-debs.sh) >"$debs_log" 2>&1 &
-    debs_pid=$!
+if [ "$full" = 1 ]; then
     check "valgrind memcheck: access, SDC, FRU and DIMM cases" \
         bash tests/valgrind.sh build/default test_access test_sdc test_fru test_dimm
     check "benchmarks: every case runs once (bench/run --smoke; timings are not checked)" \
         bash bench/run --smoke --build-dir build/default
     check "fuzz: every target ${SHM_FUZZ_SECONDS:-15} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-15}"
-    wait "$debs_pid" || true
-    cat "$debs_log"
-    if grep -q '^check .*: ok ([0-9]* s)$' "$debs_log"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
-    rm -f "$debs_log"
+    finish_beside
 fi
 
 echo "total: $passed passed, $failed failed ($SECONDS s)"
