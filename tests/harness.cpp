@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -212,6 +213,20 @@ void set_sdc_indexes(uint32_t head, uint32_t tail, uint32_t written) {
     put_le32(SHM_SEC_SDC, SDC_HEADER_OFFSET, head);
     put_le32(SHM_SEC_SDC, SDC_HEADER_OFFSET + 4, tail);
     put_le32(SHM_SEC_SDC, SDC_HEADER_OFFSET + 8, written);
+}
+
+int rounds(int n) {
+#if defined(__SANITIZE_ADDRESS__)
+    long percent = 40;
+#else
+    long percent = 100;
+#endif
+    if (const char* text = std::getenv("SHM_TEST_ROUNDS")) {
+        char* end = nullptr;
+        const long value = std::strtol(text, &end, 10);
+        if (end != text && *end == 0 && value >= 1 && value <= 100) percent = value;
+    }
+    return static_cast<int>(std::max(1L, n * percent / 100));
 }
 
 }  // namespace test

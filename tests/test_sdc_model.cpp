@@ -76,7 +76,8 @@ TEST(SdcModel, RandomOperationsAgreeWithTheModel) {
     Bytes out(kRing);
     uint32_t sequence = 0;
     int operations = 0, wraps = 0, polls_delivered = 0;
-    for (; operations < test::rounds(12000); ++operations) {
+    const int count = test::rounds(12000);
+    for (; operations < count; ++operations) {
         SCOPED_TRACE(operations);
         const uint32_t pick = random() % 100;
         if (pick < 45) {

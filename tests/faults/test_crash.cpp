@@ -88,14 +88,14 @@ bool never_operated_zero(int32_t key, int count) {
 }
 
 // Killed at a random moment of the very first attach of a fresh store, 1000
-// times: the next process must attach and use every section, and no member
+// times (test::rounds: 400 where a round costs more): the next process must attach and use every section, and no member
 // may stay at 0. The delays spread over the time a first attach takes here
 // (the median of 5, so that one slow run on a busy machine does not spread
 // the kills far past the creation). How long a recovery took is a figure: a
 // member left stuck would make it wait for ever, which the 15 s limit turns
 // into a failure.
 TEST(Crash, KillsDuringCreationLeaveNoMemberStuck) {
-    constexpr int kTrials = 1000;
+    const int trials = test::rounds(1000);
     int landed = 0, unhealed = 0, stuck = 0, slow = 0;
     long slowest_us = 0;
     // The first attach of a fresh store, in a new IPC namespace, killed after
@@ -127,10 +127,10 @@ TEST(Crash, KillsDuringCreationLeaveNoMemberStuck) {
     const long attach_us = std::max(attaches[2], 50L);
     landed = unhealed = slow = slowest_us = 0;  // the untouched runs are not counted
     std::minstd_rand random(2026);
-    for (int k = 0; k < kTrials; ++k) trial(static_cast<long>(random() % static_cast<unsigned long>(attach_us)));
+    for (int k = 0; k < trials; ++k) trial(static_cast<long>(random() % static_cast<unsigned long>(attach_us)));
     std::printf("[ figures ] %d kills during a first attach (delays 0-%ld us): %d after the library set existed, "
                 "%d left a never-operated member at 0; %d stuck afterwards; %d recoveries over 2 s, slowest %ld ms\n",
-                kTrials, attach_us, landed, unhealed, stuck, slow, slowest_us / 1000);
+                trials, attach_us, landed, unhealed, stuck, slow, slowest_us / 1000);
     EXPECT_EQ(stuck, 0);
     EXPECT_GT(unhealed, 0);  // the kills did land inside the creation
 }
