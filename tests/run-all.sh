@@ -173,13 +173,13 @@ for preset in "${presets[@]}"; do
 done
 
 # A full run also checks the unsanitized build under valgrind and fuzzes every
-# target for a bounded time (SHM_FUZZ_SECONDS each, 15 by default).
+# target for a bounded time (SHM_FUZZ_SECONDS each, 10 by default).
 if [ "$full" = 1 ]; then
     check "valgrind memcheck: access, SDC, FRU and DIMM cases" \
         bash tests/valgrind.sh build/default test_access test_sdc test_fru test_dimm
     check "benchmarks: every case runs once (bench/run --smoke; timings are not checked)" \
         bash bench/run --smoke --build-dir build/default
-    check "fuzz: every target ${SHM_FUZZ_SECONDS:-15} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-15}"
+    check "fuzz: every target ${SHM_FUZZ_SECONDS:-10} s on its seed corpus" bash fuzz/run "${SHM_FUZZ_SECONDS:-10}"
     finish_beside
 fi
 
