@@ -328,21 +328,24 @@ inline Expected<int32_t> uptime() noexcept {
     if (r == -1) return Result::failure("Vond_get_SysUpTime", r, "the read or the clock failed");
     return r;
 }
+namespace detail {
+// A text the library writes into the caller's buffer of N bytes, 0 on success.
+template <size_t N>
+inline Expected<std::array<char, N>> read_text(const char* call, int32_t (*read)(char*)) noexcept {
+    std::array<char, N> text{};
+    if (const int32_t r = read(text.data()); r != 0) return Result::failure(call, r, "the read failed");
+    return text;
+}
+}  // namespace detail
 // The EOP time in local time, ctime form without the line end ("" while unset).
 using BootTimeText = std::array<char, 26>;
 inline Expected<BootTimeText> boot_time() noexcept {
-    BootTimeText text{};
-    if (const int32_t r = Vond_get_BootTime(text.data()); r != 0)
-        return Result::failure("Vond_get_BootTime", r, "the read failed");
-    return text;
+    return detail::read_text<26>("Vond_get_BootTime", Vond_get_BootTime);
 }
 // "yyyymmddhhmmss.000000+000" in UTC, or "N/A".
 using DateText = std::array<char, 32>;
 inline Expected<DateText> os_data_collection_date() noexcept {
-    DateText text{};
-    if (const int32_t r = Vond_get_OSDataCollectionDate(text.data()); r != 0)
-        return Result::failure("Vond_get_OSDataCollectionDate", r, "the read failed");
-    return text;
+    return detail::read_text<32>("Vond_get_OSDataCollectionDate", Vond_get_OSDataCollectionDate);
 }
 }  // namespace times
 

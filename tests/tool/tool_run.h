@@ -31,16 +31,20 @@ inline std::string slurp(const char* path) {
     return {std::istreambuf_iterator<char>(f), {}};
 }
 
+// Whether the armhf build runs on the ARM kernel's guest (tests/arm-system),
+// where the emulator's words in the commands reach a stand-in and every
+// program runs natively.
+inline bool on_arm_kernel() { return getenv("SHM_TEST_NATIVE") != nullptr; }
+
 // The tool (after the emulator's words, if any) with `args`: stdin from
 // /dev/null, stdout to `out`, stderr to kErr; with `environment`
 // ("NAME=value ...") added to its environment, and its stdout through the
 // shell command `pipe_to` (whose own output goes to `out`) when one is given.
-// On the ARM kernel the programs run natively (SHM_TEST_NATIVE): the tool
-// without the emulator's stand-in, one process start less a run.
+// On the ARM kernel the tool starts without the emulator's stand-in.
 inline pid_t start_in(const Args& args, const std::string& environment, const std::string& pipe_to = "",
                       const char* out = kOut) {
     std::string command = SHMTOOL_COMMAND;
-    if (getenv("SHM_TEST_NATIVE") != nullptr) command.erase(0, command.rfind('|') + 1);
+    if (on_arm_kernel()) command.erase(0, command.rfind('|') + 1);
     std::string line = std::string(pipe_to.empty() ? "exec " : "") + (environment.empty() ? "" : "env " + environment + " ") +
                        "'" + std::regex_replace(command, std::regex("\\|"), "' '") + "'";
     for (const std::string& arg : args) line += " '" + arg + "'";
@@ -54,7 +58,7 @@ inline pid_t start(const Args& args, const char* out = kOut) { return start_in(a
 // an ARM kernel the emulator's word is a stand-in that runs the program
 // itself, and the guest says so (SHM_TEST_NATIVE).
 inline bool emulated() {
-    return std::string(SHMTOOL_COMMAND).find('|') != std::string::npos && getenv("SHM_TEST_NATIVE") == nullptr;
+    return std::string(SHMTOOL_COMMAND).find('|') != std::string::npos && !on_arm_kernel();
 }
 
 // A pseudo-terminal for the tool's stdout (run(args, terminal.path())):
